@@ -1,0 +1,1 @@
+"""Runs the real program in a sandbox that looks to it like a gateway."""
