@@ -1,0 +1,21 @@
+"""Processes of a machine of the lab."""
+
+from __future__ import annotations
+
+import os
+from contextlib import suppress
+from pathlib import Path
+
+from .places import Place
+
+
+def processes(place: Place) -> dict[int, list[str]]:
+    """Returns the words of the command line of every living process of a machine."""
+    network = os.stat(f"/run/netns/{place.network}").st_ino
+    found = {}
+    for entry in sorted(map(int, filter(str.isdigit, os.listdir("/proc")))):
+        with suppress(OSError):
+            if os.stat(f"/proc/{entry}/ns/net").st_ino == network:
+                line = Path(f"/proc/{entry}/cmdline").read_bytes().decode(errors="replace")
+                found[entry] = line.rstrip("\0").split("\0")
+    return found
