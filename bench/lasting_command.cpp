@@ -1,0 +1,7 @@
+// Stands for `openvpn`: lives until a signal ends it.
+#include <unistd.h>
+
+int main() {
+  pause();
+  return 0;
+}
