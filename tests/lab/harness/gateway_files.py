@@ -10,6 +10,7 @@ import shutil
 from pathlib import Path
 
 from . import namespaces
+from .places import put
 
 HOOKS = "/etc/quorvex/hooks"
 GRE_HOOK_LOG = "/run/gre_hook.log"
@@ -17,6 +18,8 @@ IPSEC_HOOK_LOG = "/run/ipsec_hook.log"
 FIREWALL_LOG = "/run/firewall.log"
 CHARON_LOG = "/run/charon.log"
 COMMANDS = "/run/bin"
+PID_FILE = "/run/tunnel_mngr.pid"
+SEMAPHORE = "/dev/shm/sem.TUNNEL_MANAGER"
 
 GRE_HOOK = f"""#!/bin/sh
 echo "$*" >>{GRE_HOOK_LOG}
@@ -68,24 +71,16 @@ def furnish(folder: str, name_server: str) -> None:
     _ipsec()
 
 
-def _put(path: str, text: str, mode: int = 0o644) -> None:
-    target = Path(path)
-    target.parent.mkdir(parents=True, exist_ok=True)
-    target.unlink(missing_ok=True)
-    target.write_text(text, encoding="utf-8")
-    target.chmod(mode)
-
-
 def _settings(name_server: str) -> None:
-    _put("/etc/hosts", "127.0.0.1 localhost\n")
-    _put("/etc/nsswitch.conf", "passwd: files\ngroup: files\nhosts: files dns\n")
-    _put("/etc/resolv.conf", f"nameserver {name_server}\noptions timeout:1 attempts:1\n")
+    put("/etc/hosts", "127.0.0.1 localhost\n")
+    put("/etc/nsswitch.conf", "passwd: files\ngroup: files\nhosts: files dns\n")
+    put("/etc/resolv.conf", f"nameserver {name_server}\noptions timeout:1 attempts:1\n")
 
 
 def _commands() -> None:
-    _put(f"{HOOKS}/gre-tunnel-link-changed", GRE_HOOK, 0o755)
-    _put(f"{HOOKS}/ipsec-tunnel-link-changed", IPSEC_HOOK, 0o755)
-    _put(f"{COMMANDS}/firewall", FIREWALL, 0o755)
+    put(f"{HOOKS}/gre-tunnel-link-changed", GRE_HOOK, 0o755)
+    put(f"{HOOKS}/ipsec-tunnel-link-changed", IPSEC_HOOK, 0o755)
+    put(f"{COMMANDS}/firewall", FIREWALL, 0o755)
 
 
 def _ipsec() -> None:
@@ -93,7 +88,7 @@ def _ipsec() -> None:
     _link("/etc/ipsec.conf", "/var/run/ipsec/ipsec.conf")
     _link("/etc/ipsec.secrets", "/var/run/ipsec/ipsec.secrets")
     _link("/etc/ipsec.d/cacerts", "/var/run/ipsec/cacerts")
-    _put("/etc/strongswan.d/lab.conf", CHARON_SETTINGS)
+    put("/etc/strongswan.d/lab.conf", CHARON_SETTINGS)
 
 
 def _link(path: str, target: str) -> None:

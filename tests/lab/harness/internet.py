@@ -100,9 +100,8 @@ class Internet(Place):
         self._tell(f"internet: the line to {device} is mended")
         self.must("ip", "link", "set", "dev", device, "up")
 
-    def third_party(self, peer: str, local: str, inner: str) -> None:
+    def third_party(self, peer: str, local: str, inner: str, device: str = "third") -> None:
         """Sets up the other end of a GRE tunnel by hand, for one that leads to neither site."""
-        device = "third"
         self._tell(f"internet: has the other end of a GRE tunnel, {inner}")
         self.must("ip", "-batch", "-", text=(
             f"tunnel add {device} mode gre remote {peer} local {local} ttl 64\n"

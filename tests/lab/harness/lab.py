@@ -88,6 +88,10 @@ class Lab:
         """North and south."""
         return (self.north, self.south)
 
+    def internet_beside(self, site: Site) -> str:
+        """Returns the address that the internet has on the line to a site."""
+        return {self.north: NORTH, self.south: SOUTH}[site].uplink
+
     def heading(self, text: str) -> None:
         """Begins a chapter of the story."""
         self.tell("")

@@ -30,6 +30,15 @@ class Outcome:
     output: str
 
 
+def put(path: str, text: str, mode: int = 0o644) -> None:
+    """Writes a file of the machine that the calling thread lives on; replaces links too."""
+    target = Path(path)
+    target.parent.mkdir(parents=True, exist_ok=True)
+    target.unlink(missing_ok=True)
+    target.write_text(text, encoding="utf-8")
+    target.chmod(mode)
+
+
 class Place:
     """One machine; `address` is where others reach it."""
 
@@ -107,13 +116,7 @@ class Place:
 
     def write(self, path: str, text: str, mode: int = 0o644) -> None:
         """Writes a file of this machine; what was there before is replaced, links too."""
-        def put() -> None:
-            target = Path(path)
-            target.parent.mkdir(parents=True, exist_ok=True)
-            target.unlink(missing_ok=True)
-            target.write_text(text)
-            target.chmod(mode)
-        self.call(put)
+        self.call(lambda: put(path, text, mode))
 
     def exists(self, path: str) -> bool:
         """Returns whether there is such a file, or a link."""

@@ -14,10 +14,12 @@ from typing import Any, Callable
 
 from . import orphans
 from .expectations import Expectations
-from .gateway_files import COMMANDS, furnish
+from .gateway_files import COMMANDS, PID_FILE, furnish
 from .ipsec_expectations import IpsecExpectations
+from .misfortunes import Misfortunes
 from .ovpn_expectations import OvpnExpectations
 from .places import PATH, Place
+from .state import StateExpectations
 from .syslog import Syslog
 from .waiting import Unexpected, eventually, expect
 
@@ -25,8 +27,6 @@ sys.path.insert(0, str(Path(__file__).resolve().parents[3] / "tools"))
 
 from gateway_api import ApiServer, StateFile  # noqa: E402
 
-PID_FILE = "/run/tunnel_mngr.pid"
-SEMAPHORE = "/dev/shm/sem.TUNNEL_MANAGER"
 SYSLOG = "/run/syslog"
 PROGRAM_OUTPUT = "/run/tunnel_mngr.out"
 
@@ -47,7 +47,7 @@ class Addresses:
     host: str
 
 
-class Site(Expectations, IpsecExpectations, OvpnExpectations):
+class Site(Expectations, IpsecExpectations, OvpnExpectations, StateExpectations, Misfortunes):
     """A gateway and the host behind it.
 
     Its methods do things and tell the story so; those of the Expectations look at the result.

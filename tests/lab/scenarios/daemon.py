@@ -6,7 +6,7 @@ import signal
 
 from harness import Lab, expect, gre_tunnel, scenario
 from harness.plans import NORTH_INNER, TO_SOUTH, configure_one_tunnel, run_one_tunnel
-from harness.site import PID_FILE, SEMAPHORE
+from harness.gateway_files import PID_FILE, SEMAPHORE
 
 
 @scenario()

@@ -1,0 +1,109 @@
+"""The whole state of a gateway, for stories that look at what else has changed."""
+
+from __future__ import annotations
+
+import json
+import os
+import re
+from collections import Counter
+from pathlib import Path
+from typing import TYPE_CHECKING, Any, Iterator
+
+from . import kernel
+from .processes import processes
+from .waiting import eventually, expect
+
+if TYPE_CHECKING:
+    from .site import Site
+
+# What the manager leaves in /run and /dev/shm. What a service or a check writes there in its
+# own time is none of it.
+FILES = ("run/ipsec/*", "run/ipsec/*/*", "run/openvpn_*.conf", "run/tunnel_mngr.pid",
+         "dev/shm/*")
+PROCESS_NUMBERS = "run/tunnel_mngr.pid"
+SETTLING_SECONDS = 45.0
+
+State = dict[str, str]
+
+
+class StateExpectations:
+    """The part of a Site that looks at everything at once.
+
+    A state is a fact for each key; keys begin with what they are about: "gre NAME",
+    "device NAME", "route DESTINATION", "ipsec OURS THEIRS", "file PATH", "process WORDS".
+    """
+
+    def state(self: Site) -> State:
+        """Returns devices, routes, IPsec policies, the manager's files and all processes."""
+        return {**dict(_devices(self)), **dict(_routes(self)), **dict(_ipsec(self)),
+                **self.gateway.call(lambda: dict(_files())), **dict(_processes(self))}
+
+    def expect_state(self: Site, before: State, within: float = SETTLING_SECONDS) -> None:
+        """Expects that all is as it was before, as soon as it has settled."""
+        self.expect_only_changed(before, within=within)
+
+    def expect_only_changed(self: Site, before: State, *keys: str,
+                            within: float = SETTLING_SECONDS) -> None:
+        """Expects that the facts with these keys differ from those before, and no others.
+
+        A key that ends in * stands for one fact or more that begin so.
+        """
+        def look() -> None:
+            after = self.state()
+            changed = sorted(key for key in {*before, *after} if before.get(key) != after.get(key))
+            idle = [key for key in keys if not any(_is_meant(name, key) for name in changed)]
+            expect(not idle, f"{self.name}: as before: {idle}")
+            others = [key for key in changed if not any(_is_meant(key, one) for one in keys)]
+            expect(not others, f"{self.name}: " + "; ".join(
+                f"\"{key}\" was {before.get(key)} and is {after.get(key)}" for key in others))
+        eventually(look, within)
+        self._tell(f"{self.name}: " + (f"changed: {', '.join(keys)}; all else" if keys else "all")
+                   + " is as it was before")
+
+
+def _is_meant(name: str, key: str) -> bool:
+    return name.startswith(key[:-1]) if key.endswith("*") else name == key
+
+
+def _devices(site: Site) -> Iterator[tuple[str, str]]:
+    for name, tunnel in kernel.gre_tunnels(site.gateway).items():
+        yield f"gre {name}", str(tunnel)
+    for link in _ip(site, "addr", "show"):
+        if link.get("link_type") != "gre":
+            addresses = [f"{entry['local']}/{entry['prefixlen']}" for entry in link["addr_info"]
+                         if entry["family"] == "inet"]
+            yield f"device {link['ifname']}", f"{'UP' in link['flags']} {addresses}"
+
+
+def _routes(site: Site) -> Iterator[tuple[str, str]]:
+    for route in _ip(site, "route", "show", "table", "all", "type", "unicast"):
+        if ":" not in route["dst"]:
+            table = f" table {route['table']}" if "table" in route else ""
+            yield (f"route {route['dst']}{table} dev {route['dev']}",
+                   " ".join(f"{key} {route[key]}" for key in ("gateway", "metric", "prefsrc")
+                            if key in route))
+
+
+def _ip(site: Site, *words: str) -> list[dict[str, Any]]:
+    return [entry for entry in json.loads(site.gateway.must("ip", "-json", *words) or "[]")
+            if entry]
+
+
+def _ipsec(site: Site) -> Iterator[tuple[str, str]]:
+    for ours, theirs in kernel.ipsec_pairs(site.gateway):
+        yield f"ipsec {ours} {theirs}", "protected"
+
+
+def _files() -> Iterator[tuple[str, str]]:
+    for pattern in FILES:
+        for path in sorted(Path("/").glob(pattern)):
+            if not path.is_dir():
+                text = path.read_text(errors="replace")
+                text = re.sub(r"\d+", "N", text) if str(path) == f"/{PROCESS_NUMBERS}" else text
+                yield f"file {path}", f"{os.stat(path).st_mode:o} {text}"
+
+
+def _processes(site: Site) -> Iterator[tuple[str, str]]:
+    counts = Counter(" ".join(words) for words in processes(site.gateway).values())
+    for line, count in counts.items():
+        yield f"process {line}", str(count)
