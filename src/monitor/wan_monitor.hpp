@@ -4,7 +4,6 @@
 #include "state/manager_state.hpp"
 
 #include <cstdint>
-#include <memory>
 #include <string>
 
 namespace tunnel_mngr {
@@ -45,7 +44,7 @@ class WanMonitor : public VEXA::Thread {
   std::string lastWanIp;
   std::uint32_t downCounter = 0;
   WanQuery query;
-  std::shared_ptr<Life> life;
+  Life* const life;
 };
 
 }  // namespace tunnel_mngr
