@@ -281,7 +281,7 @@ TEST_F(WanMonitorTest, LetsGoOfAPollThatOutlivesIt) {
     std::thread thread([running] { running->run(); });
     entered.get_future().wait();
     std::future<void> destroyed = std::async(std::launch::async, [this] { monitor.reset(); });
-    EXPECT_EQ(destroyed.wait_for(std::chrono::seconds(10)), std::future_status::ready)
+    EXPECT_EQ(destroyed.wait_for(std::chrono::seconds(60)), std::future_status::ready)
         << "the destructor waits for the poll";
     released.set_value();
     thread.join();
@@ -309,7 +309,7 @@ TEST_F(WanMonitorTest, CanEndInAForkedCopyWhateverTheThreadWasDoing) {
     }
     const pid_t copy = fork();
     if (copy == 0) {
-      alarm(10);
+      alarm(60);
       fake::onEntry = nullptr;
       monitor.reset();
       _exit(0);

@@ -35,7 +35,7 @@ using testing::ElementsAre;
 /// Whatever is waited for comes within moments, or the test has failed.
 template <typename Condition>
 bool soon(Condition condition) {
-  const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+  const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(60);
   while (!condition()) {
     if (std::chrono::steady_clock::now() > end) {
       return false;

@@ -29,7 +29,7 @@ std::string CapturedError::text() const {
 }
 
 bool CapturedError::waitFor(const std::string& part) const {
-  const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+  const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(60);
   while (text().find(part) == std::string::npos) {
     if (std::chrono::steady_clock::now() > end) {
       return false;

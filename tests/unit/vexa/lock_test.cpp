@@ -44,7 +44,7 @@ TEST(Lock, CanBeUnlockedByTheForkedChildOfItsHolder) {
   lock.lock();
   const pid_t child = fork();
   if (child == 0) {
-    alarm(20);
+    alarm(60);
     lock.unlock();
     lock.lock();
     lock.unlock();

@@ -241,7 +241,7 @@ TEST_F(LoggerTest, CanBeUsedBetweenForkAndExecWhileOtherThreadsLog) {
   for (int i = 0; i < 100; ++i) {
     const pid_t child = fork();
     if (child == 0) {
-      alarm(20);
+      alarm(60);
       VEXA_LOG(INFO, "short");
       VEXA_LOG(INFO, "long %s", value.c_str());
       execl("/bin/true", "true", nullptr);

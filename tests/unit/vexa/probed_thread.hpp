@@ -16,11 +16,32 @@
 
 inline constexpr unsigned int veryLongMs = 60 * 60 * 1000;
 
-/// What a test does and sees in its thread. Outlives the thread's object.
+/// Waits, with a bound, for something that another thread brings about.
+inline bool becomesTrue(const std::function<bool()>& condition) {
+  const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+  while (!condition()) {
+    if (std::chrono::steady_clock::now() > end) {
+      return false;
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(2));
+  }
+  return true;
+}
+
+/// What a test does and sees in its thread. Outlives the thread's object, and the thread's work
+/// too: the object's destructor waits for that only so long, and the machine may be busy.
 struct Probe {
+  Probe() = default;
+  Probe(const Probe&) = delete;
+  Probe& operator=(const Probe&) = delete;
+  ~Probe() {
+    EXPECT_TRUE(becomesTrue([this] { return inside == 0; }));
+  }
+
   std::function<void(VEXA::Thread&)> work;
   std::atomic<int> entered{0};
   std::atomic<int> left{0};
+  std::atomic<int> inside{0};
 };
 
 class ProbedThread : public VEXA::Thread {
@@ -33,26 +54,27 @@ class ProbedThread : public VEXA::Thread {
   /// for; the sanitizer would say so of a test that wants just that.
   __attribute__((no_sanitize("vptr"))) void run() override {
     Probe& kept = probe;
+    const Inside inside(kept);
     ++kept.entered;
     kept.work(*this);
     ++kept.left;
   }
 
  private:
+  /// However the work ends: by its end, by an exception or with its thread.
+  class Inside {
+   public:
+    explicit Inside(Probe& lent) : probe(lent) { ++probe.inside; }
+    Inside(const Inside&) = delete;
+    Inside& operator=(const Inside&) = delete;
+    ~Inside() { --probe.inside; }
+
+   private:
+    Probe& probe;
+  };
+
   Probe& probe;
 };
-
-/// Waits, with a bound, for something that another thread brings about.
-inline bool becomesTrue(const std::function<bool()>& condition) {
-  const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(20);
-  while (!condition()) {
-    if (std::chrono::steady_clock::now() > end) {
-      return false;
-    }
-    std::this_thread::sleep_for(std::chrono::milliseconds(2));
-  }
-  return true;
-}
 
 /// @return how many threads this process has.
 inline std::ptrdiff_t countThreads() {

@@ -1,6 +1,7 @@
 #include "vexa/standard_error.hpp"
 
 #include "captured_error.hpp"
+#include "probed_thread.hpp"
 #include "refused_calls.hpp"
 #include "vexa/file_descriptor.hpp"
 
@@ -13,9 +14,11 @@
 #include <syslog.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <csignal>
+#include <fstream>
 #include <string>
 #include <thread>
 
@@ -140,7 +143,12 @@ TEST(StandardError, WritesToTerminals) {
   const FileDescriptor terminal(open(ptsname(master.get()), O_RDWR | O_NOCTTY | O_CLOEXEC));
   StandardError outlet(terminal.get());
   print(outlet, "text");
-  EXPECT_NE(std::string::npos, drain(master.get()).find(prefix() + "INFO: text\r\n"));
+  // The kernel hands it over in its own time.
+  std::string all;
+  EXPECT_TRUE(becomesTrue([&] {
+    all += drain(master.get());
+    return all.find(prefix() + "INFO: text\r\n") != std::string::npos;
+  })) << all;
 }
 
 TEST(StandardError, DoesNotHangOnAFullPipeAndTellsWhatWasLost) {
@@ -148,35 +156,59 @@ TEST(StandardError, DoesNotHangOnAFullPipeAndTellsWhatWasLost) {
   StandardError outlet(pipe.input.get());
   fill(pipe.input.get());
   const auto begin = Clock::now();
-  for (int i = 0; i < 100; ++i) {
+  for (int i = 0; i < 400; ++i) {
     print(outlet, "lost");
   }
   // Only the first of them waits.
-  EXPECT_LT(Clock::now() - begin, std::chrono::seconds(4));
+  EXPECT_LT(Clock::now() - begin, std::chrono::seconds(15));
   drain(pipe.output.get());
   print(outlet, "passes");
-  EXPECT_EQ(prefix() + "WARNING: Log records lost: [100]\n" + prefix() + "INFO: passes",
+  EXPECT_EQ(prefix() + "WARNING: Log records lost: [400]\n" + prefix() + "INFO: passes",
             withoutTimes(drain(pipe.output.get())));
 }
 
-TEST(StandardError, WaitsALittleForAReaderThatIsSlow) {
+/// @return whether this thread of the process waits for something.
+bool waits(pid_t thread) {
+  std::ifstream stat("/proc/self/task/" + std::to_string(thread) + "/stat");
+  std::string text;
+  std::getline(stat, text);
+  return text.find(") S ") != std::string::npos;
+}
+
+/// Prints into a full pipe that another thread empties once the printing one waits.
+/// @return what came through.
+std::string printPastASlowReader(const std::string& text) {
   const Pipe pipe;
   StandardError outlet(pipe.input.get());
-  const std::string value(60000, 'x');
-  // More than the pipe holds, so that the rest has to wait for the reader.
   const std::size_t filled = fill(pipe.input.get());
+  const pid_t printer = gettid();
+  std::atomic<bool> printing{false};
+  std::atomic<bool> printed{false};
   std::string all;
   std::thread reader([&] {
-    pollfd wait{pipe.output.get(), POLLIN, 0};
-    const auto end = Clock::now() + std::chrono::seconds(20);
-    while (all.size() <= filled && poll(&wait, 1, 20000) > 0 && Clock::now() < end) {
-      all += drain(pipe.output.get());
+    while (!printed) {
+      if (printing && (waits(printer) || !all.empty())) {
+        all += drain(pipe.output.get());
+      }
     }
   });
-  print(outlet, value);
+  printing = true;
+  print(outlet, text);
+  printed = true;
   reader.join();
   all += drain(pipe.output.get());
-  EXPECT_EQ(prefix() + "INFO: " + value, withoutTimes(all.substr(filled)));
+  return withoutTimes(all.substr(filled));
+}
+
+TEST(StandardError, WaitsALittleForAReaderThatIsSlow) {
+  const std::string value(60000, 'x');
+  std::string passed;
+  // A reader that a busy machine keeps from running for too long is not waited for.
+  EXPECT_TRUE(becomesTrue([&] {
+    passed = printPastASlowReader(value);
+    return !passed.empty();
+  }));
+  EXPECT_EQ(prefix() + "INFO: " + value, passed);
 }
 
 TEST(StandardError, DoesNotHangOnAFullSocket) {

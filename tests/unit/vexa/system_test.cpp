@@ -233,7 +233,7 @@ TEST(SystemCmd, NoOtherDescriptorIsInherited) {
 TEST(SystemCmd, WorksWhenTheCallerHasNoStandardDescriptors) {
   const pid_t child = fork();
   if (child == 0) {
-    alarm(30);
+    alarm(60);
     close(STDIN_FILENO);
     close(STDOUT_FILENO);
     const bool first = run("cat /proc/self/comm") == Result{0, "cat\n"};

@@ -23,12 +23,6 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-constexpr bool isSanitized = true;
-#else
-constexpr bool isSanitized = false;
-#endif
-
 std::string readAll(const std::string& path) {
   std::stringstream content;
   content << std::ifstream(path).rdbuf();
@@ -188,7 +182,7 @@ TEST_F(Thread, EndsAtOnceWithoutAWorkOfItsOwn) {
   EXPECT_FALSE(thread.isCanceled());
 }
 
-TEST_F(Thread, ThousandEndWithinASecondOfTheirStop) {
+TEST_F(Thread, ThousandEndTogetherSoonAfterTheirStop) {
   constexpr int count = 1000;
   Probe probe;
   probe.work = sleepLong;
@@ -204,9 +198,8 @@ TEST_F(Thread, ThousandEndWithinASecondOfTheirStop) {
     thread->stop();
   }
   EXPECT_TRUE(becomesTrue([&] { return countThreads() == before; }));
-  // A sanitizer does more at the end of each thread.
-  constexpr std::chrono::seconds limit(isSanitized ? 5 : 1);
-  EXPECT_LT(Clock::now() - begin, limit);
+  // Far more than a busy machine needs, even with a sanitizer.
+  EXPECT_LT(Clock::now() - begin, std::chrono::seconds(40));
 }
 
 TEST_F(Thread, SaysSoAndGoesOnWhenNoThreadCanBeHad) {
