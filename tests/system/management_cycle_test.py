@@ -147,7 +147,7 @@ def test_a_failed_firewall_leaves_openvpn_down_until_a_cycle_succeeds(gateway, s
 
 def test_ipsec_is_stopped_before_openvpn_and_both_before_anything_is_created(gateway):
     gateway.api(greTunnels=[NEW], ovpnTunnels=[OVPN])
-    gateway.script("openvpn *", shell="trap 'echo openvpn ended >>/harness/trace; exit 0' TERM\n"
+    gateway.script("openvpn *", shell="trap 'trap \"\" TERM; echo openvpn ended >>/harness/trace; exit 0' TERM\n"
                                       ": >/harness/listening; sleep infinity & wait $!")
     daemon = gateway.ready_daemon()
     wait_for(lambda: gateway.exists("/harness/listening"))

@@ -21,7 +21,8 @@ REBUILDS = 15
 HUP_SECONDS = 0.02
 SETTLING_SECONDS = 0.5
 CHECK_SECONDS = 60.0
-PATIENCE = 120.0
+UNRESOLVED = "Unable to resolve [peer.example]"
+PATIENCE = 300.0
 
 # Its child logs, runs a command and reads directories before it becomes openvpn.
 STRESSED = [tunnel(f"o{number}", f"client-config-dir /var/run/clients/{number}") for number in range(TUNNELS)]
@@ -38,8 +39,9 @@ class Stressed:
 
     def __init__(self, gateway) -> None:
         self.gateway = gateway
+        gateway.hasten_resolver()
         self.server = gateway.name_server("192.0.2.7 peer.example\n")
-        gateway.script("openvpn *", shell="rmdir /var/run/clients/*; " + STAY)
+        gateway.script("openvpn *", shell="rmdir /var/run/clients/* 2>/dev/null; " + STAY)
         gateway.api(ovpnTunnels=STRESSED, ipsecTunnels=monitored("peer.example"))
         self.daemon = gateway.daemon("-p", "100")
         self.daemon.wait_for_cycles(1)
@@ -76,9 +78,15 @@ class Stressed:
         self.wait_until_calm()
         # A monitor may just have a socket of its own.
         wait_for(lambda: self.daemon.process()["descriptors"] == self.descriptors)
-        assert [entry["pid"] for entry in self.gateway.processes("tunnel_mngr")] == [self.daemon.pid]
+        # A late rebuild may just have children on their way to openvpn.
+        wait_for(lambda: [entry["pid"] for entry in self.gateway.processes("tunnel_mngr")] == [self.daemon.pid])
         assert self.daemon.stop() == 0
         wait_for(lambda: not self.gateway.processes("sleep"))
+
+
+def count(daemon, part: str) -> int:
+    """Returns how many records have this in their text."""
+    return sum(part in text for _, text in daemon.log())
 
 
 @pytest.fixture(scope="module")
@@ -99,10 +107,12 @@ def test_rebuilds_while_monitors_resolve_and_log_leave_nothing_behind(gateways):
     # From now on the main thread has nothing to resolve, and the monitors get no answer.
     gateway.api(ipsecTunnels=monitored("192.0.2.7"))
     gateway.signal(stressed.server, signal.SIGSTOP)
+    checked, failed = count(daemon, " check "), count(daemon, UNRESOLVED)
     time.sleep(max(0.0, stressed.begin + CHECK_SECONDS - 1 - time.monotonic()))
-    wait_for(lambda: any(" check " in text for _, text in daemon.log()))
+    # After a first test that took its time it is the next minute's check.
+    wait_for(lambda: count(daemon, " check ") > checked, PATIENCE)
     stressed.rebuild(3)
+    wait_for(lambda: count(daemon, UNRESOLVED) > failed, PATIENCE)
     gateway.signal(stressed.server, signal.SIGCONT)
-    wait_for(lambda: sum(text.endswith(" stop ") for _, text in daemon.log()) >= MONITORS)
-    assert any("Unable to resolve [peer.example]" in text for _, text in daemon.log())
+    wait_for(lambda: sum(text.endswith(" stop ") for _, text in daemon.log()) >= MONITORS, PATIENCE)
     stressed.assert_sound()

@@ -11,8 +11,8 @@ import time
 from pathlib import Path
 from typing import Any, Callable
 
-from .records import Record, Syslog, other_lines, parse_records, record_times
-from .sandbox import PATIENCE, Sandbox, Tools, default_environment
+from .records import Record, Syslog, complete_lines, other_lines, parse_records, record_times
+from .sandbox import PATIENCE, RESOLVER, Sandbox, Tools, default_environment
 
 sys.path.insert(0, str(Path(__file__).resolve().parents[3] / "tools"))
 
@@ -83,11 +83,11 @@ class Run:
 
     def log(self) -> list[Record]:
         """Returns the records on standard error so far."""
-        return parse_records(self.stderr())
+        return parse_records(complete_lines(self.stderr()))
 
     def times_of(self, record: tuple[str, str]) -> list[float]:
         """Returns when a record was written, in seconds."""
-        return record_times(self.stderr(), record)
+        return record_times(complete_lines(self.stderr()), record)
 
     def messages(self) -> list[str]:
         """Returns the lines on standard error that are no records."""
@@ -268,6 +268,10 @@ class Gateway:
         """Starts a name server that answers every question with SERVFAIL."""
         return self._service(["/usr/bin/python3", "-I", "-S", "/tools/broken_name_server.py"], "serving")
 
+    def hasten_resolver(self) -> None:
+        """Has names without an answer fail after a second; for programs that start later."""
+        self.path("/etc/resolv.conf").write_text(RESOLVER.replace("timeout:30", "timeout:1"))
+
     def _service(self, arguments: list[str], greeting: str) -> int:
         service = Run(self._sandbox, arguments, default_environment())
         wait_for(lambda: service.has_ended() or greeting in service.stderr())
@@ -315,7 +319,7 @@ class Gateway:
 
     def trace(self) -> list[str]:
         """Returns the commands called so far, in order."""
-        return self.path("/harness/trace").read_text(errors="surrogateescape").splitlines()
+        return complete_lines(self.file("/harness/trace")).splitlines()
 
     def clear_trace(self) -> None:
         """Forgets the commands called so far."""

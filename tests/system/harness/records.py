@@ -21,6 +21,11 @@ class Record(NamedTuple):
     text: str
 
 
+def complete_lines(text: str) -> str:
+    """Returns a text that another process writes without the line that it is at."""
+    return text[:text.rfind("\n") + 1]
+
+
 def parse_records(text: str) -> list[Record]:
     """Returns the records among the lines of a text."""
     matches = (RECORD.match(line) for line in text.split("\n"))

@@ -18,8 +18,12 @@ COMMANDS = ("ip", "ipsec", "firewall", "openvpn", "ping", "mkdir", "rm")
 PRODUCT_FILES = ("bin/tunnel_mngr", "lib/libvexa.so.0")
 LINKS_INTO_USR = ("bin", "sbin", "lib", "lib32", "lib64", "libx32")
 
-# A deadline for what takes milliseconds unless something is broken.
-PATIENCE = 30.0
+# A deadline for what takes milliseconds, or seconds on a busy machine, unless something
+# is broken.
+PATIENCE = 120.0
+
+# Its time-out is one that a name server on a busy machine keeps.
+RESOLVER = "nameserver 127.0.0.1\noptions timeout:30 attempts:1\n"
 
 
 class Tools:
@@ -30,7 +34,7 @@ class Tools:
         self.directory = Path(tempfile.mkdtemp(prefix="gateway-tools-"))
         for name in PRODUCT_FILES:
             self._copy(build / name, self.directory / "product" / name)
-        for name in ("supervisor.py", "broken_name_server.py", "leaks.supp"):
+        for name in ("supervisor.py", "broken_name_server.py", "leaks.supp", "races.supp"):
             self._copy(HERE / name, self.directory / name)
         for name in COMMANDS:
             self._copy(HERE / "stand_in", self.directory / "commands" / name)
@@ -77,7 +81,7 @@ class Sandbox:
         shutil.copytree(tools.directory / "hooks", self.directory / "etc/quorvex/hooks")
         etc = self.directory / "etc"
         (etc / "hosts").write_text("127.0.0.1 localhost\n")
-        (etc / "resolv.conf").write_text("nameserver 127.0.0.1\noptions timeout:1 attempts:1\n")
+        (etc / "resolv.conf").write_text(RESOLVER)
         (etc / "nsswitch.conf").write_text("passwd: files\ngroup: files\nhosts: files dns\n")
         (etc / "passwd").write_text("root:x:0:0:root:/:/bin/sh\n")
         # No groups: the name server would try to become a member of one.
@@ -208,7 +212,8 @@ def default_environment() -> dict[str, str]:
     sanitizers = "log_path=/harness/sanitizer"
     return {"PATH": "/tools/commands:/usr/sbin:/usr/bin:/sbin:/bin", "LANG": "C.UTF-8",
             "ASAN_OPTIONS": sanitizers, "UBSAN_OPTIONS": sanitizers + ":print_stacktrace=1",
-            "TSAN_OPTIONS": sanitizers + ":die_after_fork=0:atexit_sleep_ms=100",
+            "TSAN_OPTIONS": (sanitizers + ":die_after_fork=0:atexit_sleep_ms=100"
+                             ":suppressions=/tools/races.supp:print_suppressions=0"),
             "LSAN_OPTIONS": "suppressions=/tools/leaks.supp:print_suppressions=0"}
 
 

@@ -54,18 +54,31 @@ def threads_of(base: str) -> list:
     return found
 
 
+def target_of(link: str) -> str:
+    """Returns where a link of /proc leads; nothing if that is gone."""
+    try:
+        return os.readlink(link)
+    except FileNotFoundError:
+        return ""
+
+
+def descriptors_of(base: str) -> dict:
+    """Returns a process's descriptors; one that it closes meanwhile is left out."""
+    targets = {number: target_of(f"{base}/fd/{number}") for number in os.listdir(f"{base}/fd")}
+    return {number: target for number, target in targets.items() if target}
+
+
 def describe(pid: str) -> dict:
     """Returns what the tests ask about a process."""
     base = f"/proc/{pid}"
     status = status_of(base)
     # A zombie has neither descriptors nor a directory any more.
     lives = status["State"][0] != "Z"
-    numbers = os.listdir(f"{base}/fd") if lives else []
-    descriptors = {number: os.readlink(f"{base}/fd/{number}") for number in numbers}
+    descriptors = descriptors_of(base) if lives else {}
     return {"pid": int(pid), "parent": int(status["PPid"]), "name": status["Name"],
             "state": status["State"][0], "session": int(read(f"{base}/stat").rsplit(")", 1)[1].split()[3]),
             "arguments": read(f"{base}/cmdline").split("\0")[:-1],
-            "directory": os.readlink(f"{base}/cwd") if lives else "", "umask": status.get("Umask", "").strip(),
+            "directory": target_of(f"{base}/cwd") if lives else "", "umask": status.get("Umask", "").strip(),
             "caught": int(status["SigCgt"], 16), "threads": threads_of(base), "descriptors": descriptors}
 
 
