@@ -30,6 +30,8 @@ echo /run/modprobe >/proc/sys/kernel/modprobe
 
 # Every gateway has a /run, and so a syslog, of its own; /dev is the same for all.
 ln -sf /run/devlog /dev/log
+# A syslog whose reader has to wait for the core must not lose a record: stories live on them.
+echo 1000 >/proc/sys/net/unix/max_dgram_qlen
 
 /usr/bin/python3 -E -S -B "$LAB_FOLDER/runner.py" >/run/out/runner.log 2>&1
 echo $? >/run/out/rc

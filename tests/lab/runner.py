@@ -6,9 +6,10 @@ import json
 import sys
 import threading
 import tty
+from concurrent.futures import ThreadPoolExecutor
 
 from harness.catalogue import load_scenarios
-from harness.orphans import take_in_orphans
+from harness.orphans import clear_orphans_away, take_in_orphans
 from harness.play import OUT, Stage
 
 # A serial line leads to the program on the host that has booted this kernel.
@@ -29,7 +30,10 @@ def main() -> int:
                 print(line, file=stream, flush=True)
 
         stage = Stage(request["program"], send, live=request["live"], shell=request["shell"])
-        stage.play_all([scenarios[name] for name in request["scenarios"]])
+        with ThreadPoolExecutor(1) as pool:
+            play = pool.submit(stage.play_all, [scenarios[name] for name in request["scenarios"]])
+            clear_orphans_away(play.done)
+            play.result()
     return 1 if stage.failures else 0
 
 

@@ -15,6 +15,7 @@ from pathlib import Path
 from typing import Callable
 
 from .namespaces import adopt_orphans
+from .terminal import Terminal
 
 KERNEL = "linux.uml"
 MEMORY = "512M"
@@ -28,7 +29,7 @@ class BootError(Exception):
 def missing_commands() -> list[str]:
     """Returns the commands that the lab needs and this machine lacks."""
     needed = (KERNEL, "taskset", "ip", "ping", "dnsmasq", "ipsec", "openvpn", "nsenter",
-              "tcpdump", "openssl")
+              "tcpdump", "openssl", "curl")
     path = os.environ.get("PATH", "") + ":/usr/sbin:/sbin"
     return [command for command in needed if not shutil.which(command, path=path)]
 
@@ -43,31 +44,44 @@ def boot(output: Path, request: dict, seconds: float, heard: Callable[[str], Non
     (output / "request.json").write_text(json.dumps(request))
     adopt_orphans()
     reader, writer = os.pipe()
-    with tempfile.TemporaryDirectory(prefix="lab-") as sockets:
-        words = kernel_command(output, sockets, writer, request["shell"])
-        terminal = None if request["shell"] else subprocess.DEVNULL
+    with tempfile.TemporaryDirectory(prefix="lab-") as sockets, \
+            Terminal(bool(request["shell"])) as terminal:
+        words = kernel_command(output, sockets, writer, terminal.descriptors)
         with open(output / "console.log", "wb") as console:
             kernel = subprocess.Popen(
-                words, stdin=terminal, stdout=None if request["shell"] else console,
-                stderr=subprocess.STDOUT, pass_fds=[writer],
-                env={**os.environ, "HOME": sockets}, start_new_session=not request["shell"])
+                words, stdin=subprocess.DEVNULL, stdout=console, stderr=subprocess.STDOUT,
+                pass_fds=[writer, *terminal.descriptors],
+                env={**os.environ, "HOME": sockets}, start_new_session=True)
         os.close(writer)
+
+        def hear(line: str) -> None:
+            # Nothing is told while a shell is open.
+            terminal.take_back()
+            heard(line)
+
+        patience = 0
         try:
-            listen(reader, time.monotonic() + seconds, heard)
+            listen(reader, time.monotonic() + seconds, hear)
+            patience = 5
         finally:
+            # Who interrupts twice must not leave processes behind.
+            signal.signal(signal.SIGINT, signal.SIG_IGN)
             os.close(reader)
-            end(kernel, alone=not request["shell"])
+            end(kernel, patience)
     return left_status(output, seconds)
 
 
-def kernel_command(output: Path, sockets: str, stream: int, shell: bool) -> list[str]:
-    """Returns the command that boots the kernel."""
+def kernel_command(output: Path, sockets: str, stream: int, shell: list[int]) -> list[str]:
+    """Returns the command that boots the kernel.
+
+    The kernel takes the terminal over when somebody inside opens /dev/tty1, not before.
+    """
     core = max(os.sched_getaffinity(0))
-    console = "con0=fd:0,fd:1" if shell else "con0=null,fd:1"
+    console = ["con1=fd:{},fd:{}".format(*shell)] if shell else []
     return ["taskset", "-c", str(core), KERNEL, f"mem={MEMORY}", "root=/dev/root",
             "rootfstype=hostfs", "rootflags=/", "ro", f'init="{FOLDER}/init.sh"',
-            f'LAB_FOLDER="{FOLDER}"', f'LAB_OUT="{output}"', "con=null", console, "ssl=null",
-            f"ssl0=null,fd:{stream}", f"uml_dir={sockets}/", "quiet"]
+            f'LAB_FOLDER="{FOLDER}"', f'LAB_OUT="{output}"', "con=null", "con0=null,fd:1", *console,
+            "ssl=null", f"ssl0=null,fd:{stream}", f"uml_dir={sockets}/", "quiet"]
 
 
 def listen(reader: int, limit: float, heard: Callable[[str], None]) -> None:
@@ -84,23 +98,19 @@ def listen(reader: int, limit: float, heard: Callable[[str], None]) -> None:
             heard(line.decode(errors="replace"))
 
 
-def end(kernel: subprocess.Popen, alone: bool) -> None:
-    """Waits a moment for the kernel's own end, then sees to it.
-
-    One that is `alone` in its process group leaves none of its processes behind.
-    """
-    for number, patience in ((0, 5), (signal.SIGTERM, 5), (signal.SIGKILL, 5)):
+def end(kernel: subprocess.Popen, patience: float) -> None:
+    """Waits a moment for the kernel's own end, then sees to it and to all its processes."""
+    for number, patience in ((0, patience), (signal.SIGTERM, 5), (signal.SIGKILL, 5)):
         if number:
             kernel.send_signal(number)
         with suppress(subprocess.TimeoutExpired):
             kernel.wait(patience)
             break
-    if alone:
-        with suppress(ProcessLookupError):
-            os.killpg(kernel.pid, signal.SIGKILL)
-        with suppress(ChildProcessError):
-            while True:
-                os.waitpid(-kernel.pid, 0)
+    with suppress(ProcessLookupError):
+        os.killpg(kernel.pid, signal.SIGKILL)
+    with suppress(ChildProcessError):
+        while True:
+            os.waitpid(-kernel.pid, 0)
 
 
 def left_status(output: Path, seconds: float) -> int:

@@ -3,7 +3,7 @@
 from __future__ import annotations
 
 import re
-from typing import TYPE_CHECKING, Any
+from typing import TYPE_CHECKING, Any, Iterable
 
 from . import kernel
 from .gateway_files import FIREWALL_LOG, GRE_HOOK_LOG
@@ -13,14 +13,17 @@ if TYPE_CHECKING:
     from .site import Site
 
 # Long enough for a rebuild on a machine that has other things to do.
-REBUILD_SECONDS = 30.0
+REBUILD_SECONDS = 90.0
 
 # Each ping of an OpenVPN peer is announced at this level.
 NO_COMPLAINT = re.compile(r"\[OVPN\] ping \S+$")
+COMPLAINT = re.compile(r" TUNNEL_MNGR\[\d+\]: ERROR: (.*)$", re.MULTILINE)
 
 
 class Expectations:
     """The part of a Site that looks at results. Waiting is bounded, and failing says why."""
+
+    _errors_seen = 0
 
     def expect_rebuild(self: Site, within: float = REBUILD_SECONDS) -> None:
         """Waits for the end of a rebuild that no earlier expectation has seen."""
@@ -86,13 +89,17 @@ class Expectations:
                f"{self.host.name}: reaches {other.host.address} without a tunnel")
         self._tell(f"{self.host.name}: does not reach {other.host.address}")
 
-    def expect_gre_hook_calls(self: Site, *calls: str, in_order: bool = True) -> None:
-        """Expects that the GRE hook was told exactly this since the last look."""
+    def expect_gre_hook_calls(self: Site, *calls: str, after: Iterable[str] = ()) -> None:
+        """Expects that the GRE hook was told exactly this since the last look.
+
+        Before that it was told what `after` says, in any order.
+        """
+        wanted = [*sorted(after), *calls]
+        count = len(wanted) - len(calls)
         told = self.gateway.read(GRE_HOOK_LOG).splitlines()
         self.gateway.write(GRE_HOOK_LOG, "")
-        alike = told == list(calls) if in_order else sorted(told) == sorted(calls)
-        expect(alike, f"{self.name}: expected the calls {list(calls)} of the GRE hook, "
-               f"found {told}")
+        expect([*sorted(told[:count]), *told[count:]] == wanted,
+               f"{self.name}: expected the calls {wanted} of the GRE hook, found {told}")
 
     def expect_firewall_calls(self: Site, count: int) -> None:
         """Expects that the firewall was set up so many times since the last look."""
@@ -110,6 +117,15 @@ class Expectations:
         """Expects a text so many times, or more, in the gateway's syslog."""
         eventually(lambda: expect(self.log().count(text) >= count,
                                   f"{self.name}: not {count} times in the log: {text}"), within)
+
+    def expect_errors(self: Site, *records: str) -> None:
+        """Expects that the manager has complained exactly so since the last look, in any order."""
+        told = COMPLAINT.findall(self.log())
+        new = [text for text in told[self._errors_seen:] if not NO_COMPLAINT.search(text)]
+        self._errors_seen = len(told)
+        expect(sorted(new) == sorted(records), f"{self.name}: expected the errors {list(records)}, "
+               f"the log has {new}")
+        self._tell(f"{self.name}: the manager complains: {'; '.join(records) or 'about nothing'}")
 
     def expect_no_error(self: Site) -> None:
         """Expects that the manager has complained about nothing."""

@@ -106,3 +106,8 @@ class Internet(Place):
         self.must("ip", "-batch", "-", text=(
             f"tunnel add {device} mode gre remote {peer} local {local} ttl 64\n"
             f"link set dev {device} up\naddr add {inner} dev {device}\n"))
+
+    def third_party_follows(self, peer: str, device: str) -> None:
+        """Lets the other end of such a tunnel know its peer's new address."""
+        self._tell(f"internet: the GRE tunnel {device} leads to {peer} now")
+        self.must("ip", "tunnel", "change", device, "mode", "gre", "remote", peer)

@@ -15,10 +15,10 @@ import os
 import signal
 import subprocess
 import time
-from contextlib import suppress
-from typing import Callable
+from contextlib import AbstractContextManager, suppress
 
 from .internet import Internet
+from .narrator import Narrator
 from .places import Place
 from .site import Addresses, Site
 
@@ -50,13 +50,13 @@ def ip_batch(network: str, lines: list[str]) -> None:
 class Lab:
     """Two sites, `north` and `south`, and the internet between them."""
 
-    def __init__(self, tag: str, program: str, tell: Callable[[str], None]) -> None:
+    def __init__(self, tag: str, program: str, tell: Narrator) -> None:
         """The tag tells the namespaces of this lab from those of others."""
         self.tell = tell
         self.tag = tag
         self.folder = folder = f"/run/lab/{tag}"
         os.makedirs(folder)
-        begin = time.monotonic()
+        self._begin = begin = time.monotonic()
         ip_batch("", LINKS.format(net=tag).splitlines())
         self._address()
         self.internet = Internet(f"{tag}-internet", folder, [NORTH.uplink, SOUTH.uplink], tell)
@@ -91,6 +91,15 @@ class Lab:
     def internet_beside(self, site: Site) -> str:
         """Returns the address that the internet has on the line to a site."""
         return {self.north: NORTH, self.south: SOUTH}[site].uplink
+
+    @property
+    def now(self) -> float:
+        """The second that a line has which arrives at a gateway's syslog now."""
+        return time.monotonic() - self._begin
+
+    def aside(self) -> AbstractContextManager[None]:
+        """What is told within it is only written down, not told to those who watch."""
+        return self.tell.aside()
 
     def heading(self, text: str) -> None:
         """Begins a chapter of the story."""

@@ -9,10 +9,12 @@ from typing import TYPE_CHECKING, Any
 
 from .gateway_files import COMMANDS, PID_FILE
 from .places import PATH, put
+from .waiting import eventually, expect
 
 if TYPE_CHECKING:
     from .site import Site
 
+WANS = "/api/waninfo/wans"
 KILL_THE_MANAGER = f"kill -KILL $(cat {PID_FILE})"
 
 
@@ -29,6 +31,12 @@ class Misfortunes:
         self._tell(f"{self.name}: the API answers properly again")
         self.api_keys(faults={})
 
+    def expect_api_asked(self: Site, path: str, times: int, within: float) -> None:
+        """Expects so many requests for a path, or more, since the API is there."""
+        eventually(lambda: expect(
+            [asked for _, asked in self._api.requests].count(path) >= times,
+            f"{self.name}: the API was not asked {times} times for {path}"), within)
+
     def api_dies(self: Site) -> None:
         """Takes the API away, requests that it has not answered included."""
         self._tell(f"{self.name}: the API is gone")
@@ -43,20 +51,22 @@ class Misfortunes:
         """Runs a shell script before a command whose words are like a shell pattern.
 
         The command, the path of a hook or a name such as "ip", runs afterwards unless the
-        script ends with `exit`. One script at a time; `undo` takes it back.
+        script ends with `exit`. Patterns are separated by "|". One script at a time; `undo`
+        takes it back.
         """
+        pattern = words.replace(" ", "\\ ")
+
         def wrap() -> None:
-            target, plain = _paths(command)
-            plain.parent.mkdir(exist_ok=True)
-            if not os.path.lexists(plain):
-                if target.exists():
-                    target.rename(plain)
-                else:
-                    plain.symlink_to(shutil.which(command, path=PATH))
-            put(str(target), f"#!/bin/sh\ncase \"$*\" in\n{words}) {script} ;;\nesac\n"
+            target, plain = _put_aside(command)
+            put(str(target), f"#!/bin/sh\ncase \"$*\" in\n{pattern}) {script} ;;\nesac\n"
                 f"exec {plain} \"$@\"\n", 0o755)
         self.gateway.call(wrap)
         self._tell(f"{self.name}: before {command} {words}: {script}")
+
+    def take_away(self: Site, command: str) -> None:
+        """Lets a hook, or another command that only this gateway has, be missing; see `undo`."""
+        self.gateway.call(lambda: _put_aside(command)[0].unlink(missing_ok=True))
+        self._tell(f"{self.name}: {command} is missing")
 
     def undo(self: Site, command: str) -> None:
         """Lets a command be what it was."""
@@ -69,6 +79,18 @@ class Misfortunes:
                 plain.rename(target)
         self.gateway.call(put_back)
         self._tell(f"{self.name}: {command} is as it was")
+
+
+def _put_aside(command: str) -> tuple[Path, Path]:
+    """Keeps a command's usual self; returns where it is found first, and where that is."""
+    target, plain = _paths(command)
+    plain.parent.mkdir(exist_ok=True)
+    if not os.path.lexists(plain):
+        if target.exists():
+            target.rename(plain)
+        else:
+            plain.symlink_to(shutil.which(command, path=PATH))
+    return target, plain
 
 
 def _paths(command: str) -> tuple[Path, Path]:

@@ -7,28 +7,51 @@ they look alive to those who wait for their end, `ipsec stop` for one. Here it i
 from __future__ import annotations
 
 import os
-import threading
 import time
 from contextlib import suppress
+from typing import Callable, Optional
 
 from .namespaces import adopt_orphans
 
-# Those whose end somebody here wants to learn.
-awaited: set[int] = set()
+# From <linux/wait.h>: only the calling thread's children.
+WNOTHREAD = 0x20000000
+
+# How those have ended whose end somebody wants to learn; None while they live.
+_awaited: dict[int, Optional[int]] = {}
 
 
 def take_in_orphans() -> None:
-    """Makes this process the parent of orphans and clears them away from now on."""
+    """Makes this process the parent of orphans."""
     adopt_orphans()
-    threading.Thread(target=_clear, name="orphans", daemon=True).start()
 
 
-def _clear() -> None:
-    while True:
-        with suppress(ChildProcessError, ProcessLookupError):
-            ended = os.waitid(os.P_ALL, 0, os.WEXITED | os.WNOWAIT)
-            # Daemons have left the session; what is still in it belongs to who has started it.
-            if ended.si_pid not in awaited and os.getsid(ended.si_pid) != os.getsid(0):
-                os.waitpid(ended.si_pid, os.WNOHANG)
-                continue
-        time.sleep(0.05)
+def clear_orphans_away(done: Callable[[], bool]) -> None:
+    """Clears orphans away that have ended, until all is done.
+
+    Only the process's first thread can do this: orphans are its children. Those of the other
+    threads are left to who has started them.
+    """
+    while not done():
+        if not _clear_one_away():
+            time.sleep(0.05)
+
+
+def _clear_one_away() -> bool:
+    with suppress(ChildProcessError):
+        number, status = os.waitpid(-1, os.WNOHANG | WNOTHREAD)
+        if number in _awaited:
+            _awaited[number] = os.waitstatus_to_exitcode(status)
+        return number != 0
+    return False
+
+
+def await_end(number: int) -> None:
+    """Lets the end of an orphan be remembered, see `ended`."""
+    _awaited[number] = None
+
+
+def ended(number: int) -> Optional[int]:
+    """Returns how it has ended, -N by signal N, and forgets that; None when it lives."""
+    if _awaited[number] is None:
+        return None
+    return _awaited.pop(number)

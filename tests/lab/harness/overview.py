@@ -1,55 +1,117 @@
-"""A table of a site's tunnels: what is configured, and what has become of it."""
+"""A site's tunnels: what is configured, what has become of it, and how long a ping takes."""
 
 from __future__ import annotations
 
 import re
+from dataclasses import dataclass
+from ipaddress import ip_interface
+from statistics import median
 from typing import Any
 
 from . import kernel
+from .places import Place
 from .site import KINDS, Site
 
-Row = tuple[str, str, str, str]
+UP = "up"
+TIME = re.compile(r" time=([\d.]+) ms")
+PINGS = 3
 
 
-def overview(site: Site) -> list[str]:
-    """Returns a heading and a line for each configured tunnel of a site."""
-    rows: list[Row] = [("tunnel", "kind", "peer", "state")]
-    for kind, look in (("gre", _gre), ("ipsec", _ipsec), ("ovpn", _ovpn)):
-        for record in site.configured(kind):
-            peer, state = look(site, record)
-            rows.append((record["name"], KINDS[kind], peer, state))
-    widths = [max(len(row[column]) for row in rows) for column in range(3)]
-    return ["  ".join([*(text.ljust(width) for text, width in zip(row, widths)), row[3]])
+@dataclass(frozen=True)
+class Entry:
+    """A configured tunnel; `peer` is the configured one and the address that is used.
+
+    The round trip is in milliseconds; there is none when the tunnel is not up or when nobody
+    answers.
+    """
+
+    name: str
+    kind: str
+    enabled: bool
+    peer: str
+    state: str
+    round_trip: float | None
+
+
+def overview(site: Site) -> list[Entry]:
+    """Looks at each configured tunnel of a site and sends a few pings through it."""
+    return [look(site, record) for look, kind in ((_gre, "gre"), (_ipsec, "ipsec"),
+                                                  (_ovpn, "ovpn"))
+            for record in site.configured(kind)]
+
+
+def table(entries: list[Entry]) -> list[str]:
+    """Returns a heading and a line for each tunnel."""
+    rows = [("tunnel", "kind", "peer", "state", "round trip")]
+    rows += [(entry.name, entry.kind, entry.peer, entry.state, _milliseconds(entry))
+             for entry in entries]
+    widths = [max(map(len, column)) for column in zip(*rows)]
+    return ["  ".join([*map(str.ljust, row[:-1], widths), row[-1].rjust(widths[-1])])
             for row in rows]
 
 
-def _gre(site: Site, record: dict[str, Any]) -> tuple[str, str]:
+def _milliseconds(entry: Entry) -> str:
+    if entry.state != UP:
+        return "-"
+    return "no answer" if entry.round_trip is None else f"{entry.round_trip:.2f} ms"
+
+
+def _gre(site: Site, record: dict[str, Any]) -> Entry:
+    """Pings from host to host when the tunnel joins LANs, else its other end."""
     tunnel = kernel.gre_tunnels(site.gateway).get(record["name"].replace(" ", "_"))
     if not tunnel:
-        return record["remoteIp"], _or_disabled("not there", record)
-    return _resolved(record["remoteIp"], tunnel.remote), "up" if tunnel.up else "down"
+        return _entry("gre", record, record["remoteIp"], "missing")
+    peer = _resolved(record["remoteIp"], tunnel.remote)
+    if not tunnel.up:
+        return _entry("gre", record, peer, "down")
+    if tunnel.routes:
+        trip = round_trip(site.host, site.host_in(tunnel.routes[0]))
+    else:
+        ours = ip_interface(tunnel.addresses[0])
+        far = next(address for address in ours.network.hosts() if address != ours.ip)
+        trip = round_trip(site.gateway, str(far))
+    return _entry("gre", record, peer, UP, trip)
 
 
-def _ipsec(site: Site, record: dict[str, Any]) -> tuple[str, str]:
+def _ipsec(site: Site, record: dict[str, Any]) -> Entry:
+    """Pings from host to host, from the first local to the first remote network."""
     name = record["name"].replace(" ", "_")
+    written = site.gateway.read("/run/ipsec/ipsec.conf")
+    used = re.search(rf"^conn {re.escape(name)}\n(?:\s.*\n)*?\s+right=(\S+)", written, re.MULTILINE)
+    peer = _resolved(record["remoteWanIp"], used[1] if used else record["remoteWanIp"])
+    ours, theirs = (site.host_in(f"{record[key][0]['ip']}/{record[key][0]['mask']}")
+                    for key in ("localSubnets", "remoteSubnets"))
+    trip = round_trip(site.host, theirs, ours) if record.get("enabled") else None
     pairs = len(record["localSubnets"]) * len(record["remoteSubnets"])
     up = sum(connection.startswith(f"{name}_subnet_") for connection in site.ipsec_installed())
-    state = f"up for {up} of {pairs} pairs of networks" if up else _or_disabled("down", record)
-    return record["remoteWanIp"], state
+    partly = f"{up} of {pairs} up" if up else "down"
+    return _entry("ipsec", record, peer, UP if up == pairs else partly, trip)
 
 
-def _ovpn(site: Site, record: dict[str, Any]) -> tuple[str, str]:
-    found = re.search(r"^remote (\S+)", record["config"], re.MULTILINE)
-    peer = found[1] if found else ""
+def _ovpn(site: Site, record: dict[str, Any]) -> Entry:
+    """Pings the other gateway's end."""
+    peer, far = (re.search(pattern, record["config"], re.MULTILINE)[1]
+                 for pattern in (r"^remote (\S+)", r"^ifconfig \S+ (\S+)"))
     if record["name"] not in site.ovpn_processes():
-        return peer, _or_disabled("does not run", record)
-    answers = site.gateway.read(f"/run/connect_{record['name']}.status") == "connected"
-    return peer, "up, the last ping was answered" if answers else "runs"
+        return _entry("ovpn", record, peer, "not running")
+    return _entry("ovpn", record, peer, UP, round_trip(site.gateway, far))
+
+
+def _entry(kind: str, record: dict[str, Any], peer: str, state: str,
+           trip: float | None = None) -> Entry:
+    enabled = bool(record.get("enabled"))
+    idle = state != UP and not enabled
+    return Entry(record["name"], KINDS[kind], enabled, peer, "disabled" if idle else state, trip)
 
 
 def _resolved(configured: str, address: str) -> str:
     return configured if configured == address else f"{configured} ({address})"
 
 
-def _or_disabled(state: str, record: dict[str, Any]) -> str:
-    return state if record.get("enabled") else "disabled"
+def round_trip(place: Place, address: str, source: str = "") -> float | None:
+    """Returns the milliseconds of the middle one of a few pings, None when none is answered."""
+    sender = ["-I", source] if source else []
+    said = place.run("ping", "-n", "-c", str(PINGS), "-i", "0.2", "-W", "1", *sender,
+                     address).output
+    times = [float(time) for time in TIME.findall(said)]
+    return median(times) if times else None

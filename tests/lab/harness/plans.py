@@ -15,7 +15,7 @@ WAN_POLL = 30.0
 NAME_CHECK = 60.0
 NAME_RETRY = 30.0
 # For the rebuild itself, on a machine that has other things to do.
-SLACK = 12.0
+SLACK = 60.0
 
 
 def configure_one_tunnel(lab: Lab, north_name: str = "", south_name: str = "") -> None:

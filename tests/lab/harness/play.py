@@ -3,7 +3,6 @@
 from __future__ import annotations
 
 import json
-import subprocess
 import threading
 import time
 import traceback
@@ -14,20 +13,22 @@ from typing import Callable
 
 from .catalogue import Scenario
 from .lab import Lab
+from .narrator import Narrator
 from .report import keep, report
+from .shell import open_shell
 from .waiting import Unexpected
 
 OUT = Path("/run/out")
 # There is one core, and stories wait more than they compute.
 AT_A_TIME = 3
-SHELL_HELPER = Path("/run/lab/on")
 
 
 class Stage:
     """Where scenarios are played; `stream` takes lines for the person who waits outside."""
 
     def __init__(self, program: str, stream: Callable[[str], None], *, live: bool,
-                 shell: bool) -> None:
+                 shell: str) -> None:
+        """`shell` is the kind of the terminal that shells are opened on, empty for none."""
         self._program = program
         self._stream = stream
         self._live = live
@@ -37,7 +38,14 @@ class Stage:
         self.failures = 0
 
     def play_all(self, scenarios: list[Scenario]) -> None:
-        """Plays the slow ones side by side and meanwhile the others, a few at a time."""
+        """Plays the slow ones side by side and meanwhile the others, a few at a time.
+
+        With a person who watches it is one after the other.
+        """
+        if self._live or self._shell:
+            for scenario in scenarios:
+                self.play(scenario)
+            return
         others = SimpleQueue()
         for scenario in scenarios:
             if not scenario.slow:
@@ -45,7 +53,7 @@ class Stage:
         actors = [threading.Thread(target=self.play, args=(scenario,))
                   for scenario in scenarios if scenario.slow]
         actors += [threading.Thread(target=self._play_from, args=(others,))
-                   for _ in range(1 if self._live or self._shell else AT_A_TIME)]
+                   for _ in range(AT_A_TIME)]
         for actor in actors:
             actor.start()
         for actor in actors:
@@ -62,13 +70,11 @@ class Stage:
         folder.mkdir()
         begin = time.monotonic()
         with open(folder / "story.log", "w", encoding="utf-8", buffering=1) as log:
-            def tell(line: str) -> None:
-                print(f"{time.monotonic() - begin:7.2f}  {line}", file=log)
-                if self._live:
-                    self._stream(line)
-            failure = self._story_in_a_lab(scenario, folder, tell)
-            if failure:
-                print(f"\nFAILED: {failure}", file=log)
+            tell = Narrator(log, self._stream if self._live else lambda line: None)
+            try:
+                failure = self._story_in_a_lab(scenario, folder, tell)
+            except Exception:  # the lab's own fault; the other scenarios go on
+                failure = tell_failure(tell, traceback.format_exc())
         seconds = round(time.monotonic() - begin, 1)
         result = {"passed": not failure, "seconds": seconds, "title": scenario.title}
         (folder / "result.json").write_text(json.dumps(result))
@@ -76,26 +82,20 @@ class Stage:
         self._stream(f"{'FAILED' if failure else 'passed'} {seconds:6.1f} s  {scenario.name}: "
                      f"{scenario.title}")
 
-    def _story_in_a_lab(self, scenario: Scenario, folder: Path,
-                        tell: Callable[[str], None]) -> str:
+    def _story_in_a_lab(self, scenario: Scenario, folder: Path, tell: Narrator) -> str:
         """Returns why the scenario has failed, empty when it has passed."""
-        try:
-            with self._building:
-                self._labs += 1
-                lab = Lab(f"lab{self._labs}", self._program, tell)
-        except Exception:  # the lab's own fault; the other scenarios go on
-            return traceback.format_exc()
-        try:
-            failure = run_story(scenario, lab)
-            if failure:
-                (folder / "report.log").write_text(report(lab))
-            if self._shell:
-                open_shell(lab)
-            keep(lab, folder)
-            lab.close()
-            return failure
-        except Exception:
-            return traceback.format_exc()
+        with self._building:
+            self._labs += 1
+            lab = Lab(f"lab{self._labs}", self._program, tell)
+        failure = run_story(scenario, lab)
+        if failure:
+            tell_failure(tell, failure)
+            (folder / "report.log").write_text(report(lab))
+        if self._shell:
+            open_shell(lab, self._program, self._shell)
+        keep(lab, folder)
+        lab.close()
+        return failure
 
 
 def run_story(scenario: Scenario, lab: Lab) -> str:
@@ -110,19 +110,9 @@ def run_story(scenario: Scenario, lab: Lab) -> str:
     return ""
 
 
-def open_shell(lab: Lab) -> None:
-    """Lets a person look around before the lab goes; `on PLACE COMMAND...` enters a machine."""
-    cases = "".join(f"{place.name.replace(' ', '-')}) thread={place.thread_id} ;;\n"
-                    for place in lab.places())
-    SHELL_HELPER.write_text(
-        f"#!/bin/sh\ncase $1 in\n{cases}*) echo \"on PLACE COMMAND...\" >&2; exit 2 ;;\nesac\n"
-        "shift\nPATH=/run/bin:$PATH exec nsenter --target $thread --mount --net \"$@\"\n")
-    SHELL_HELPER.chmod(0o755)
-    names = ", ".join(place.name.replace(" ", "-") for place in lab.places())
-    with open("/dev/tty0", "r+b", buffering=0) as console:
-        console.write(f"\r\nThe lab is yours: on PLACE COMMAND... with {names}; "
-                      "Ctrl-D ends it.\r\n".encode())
-        subprocess.run(["setsid", "--ctty", "sh", "-i"], stdin=console, stdout=console,
-                       stderr=console, check=False, cwd="/",
-                       env={"PATH": f"{SHELL_HELPER.parent}:/usr/sbin:/usr/bin:/sbin:/bin",
-                            "HOME": "/", "TERM": "linux", "PS1": "lab# "})
+def tell_failure(tell: Narrator, failure: str) -> str:
+    """Ends a story with why it has failed, and returns that."""
+    tell("")
+    for line in f"FAILED: {failure}".splitlines():
+        tell(line)
+    return failure

@@ -6,8 +6,9 @@ import shutil
 from pathlib import Path
 
 from .lab import Lab
+from .manager_log import commands
 from .processes import processes
-from .site import PROGRAM_OUTPUT, Site
+from .site import API_STATE, PROGRAM_OUTPUT, Site
 
 VIEWS = (
     "ip -d tunnel", "ip -d link", "ip addr", "ip route show table all type unicast",
@@ -29,7 +30,7 @@ def _site(site: Site) -> str:
     for pattern in FILES:
         for path in sorted(Path(site.folder, "run").glob(pattern)):
             parts.append(_section(site, path.name, path.read_text(errors="replace")))
-    parts.append(_section(site, "configuration", Path(site.folder, "api.json").read_text()))
+    parts.append(_section(site, "configuration", site.gateway.read(API_STATE)))
     for view in VIEWS:
         parts.append(_section(site, view, site.gateway.run(*view.split(), within=10).output))
     parts.append(_section(site, "processes", _processes(site)))
@@ -40,14 +41,6 @@ def _section(site: Site, title: str, text: str) -> str:
     return f"===== {site.name}: {title}\n{text.rstrip() or '(nothing)'}\n"
 
 
-def commands(log: str) -> list[str]:
-    """Returns the command lines that the manager has logged, in order."""
-    words = ("ip ", "ipsec ", "firewall ", "ping ", "rm ", "mkdir ")
-    lines = (line.partition("TRACE: ") for line in log.splitlines())
-    return [f"{before.split()[0]} {command}" for before, _, command in lines
-            if command.startswith(words)]
-
-
 def _processes(site: Site) -> str:
     """Returns the command lines of the processes of a gateway."""
     return "\n".join(f"{number} {' '.join(words)}"
@@ -55,7 +48,7 @@ def _processes(site: Site) -> str:
 
 
 def keep(lab: Lab, folder: Path) -> None:
-    """Copies the files of both gateways' /run, logs and configurations, into a folder."""
+    """Copies the files of both gateways' /run, with logs and configurations, into a folder."""
     for site in lab.sites:
         source = Path(site.folder, "run")
         for path in source.rglob("*"):
@@ -63,4 +56,3 @@ def keep(lab: Lab, folder: Path) -> None:
                 target = folder / site.name / path.relative_to(source)
                 target.parent.mkdir(parents=True, exist_ok=True)
                 shutil.copyfile(path, target)
-        shutil.copyfile(f"{site.folder}/api.json", folder / site.name / "api.json")

@@ -16,6 +16,7 @@ from . import orphans
 from .expectations import Expectations
 from .gateway_files import COMMANDS, PID_FILE, furnish
 from .ipsec_expectations import IpsecExpectations
+from .manager_log import REBUILT
 from .misfortunes import Misfortunes
 from .ovpn_expectations import OvpnExpectations
 from .places import PATH, Place
@@ -29,9 +30,7 @@ from gateway_api import ApiServer, StateFile  # noqa: E402
 
 SYSLOG = "/run/syslog"
 PROGRAM_OUTPUT = "/run/tunnel_mngr.out"
-
-# Every rebuild of a daemon that comes to its end says so with this text.
-REBUILT = "Number of FQDN monitors is "
+API_STATE = "/run/api/state.json"
 
 KINDS = {"gre": "GRE", "ipsec": "IPsec", "ovpn": "OpenVPN"}
 
@@ -80,14 +79,14 @@ class Site(Expectations, IpsecExpectations, OvpnExpectations, StateExpectations,
     def _serve_api(self) -> ApiServer:
         self._write_state()
         server = ApiServer(Path(f"{self.folder}/run/api/http.sock"),
-                           StateFile(Path(f"{self.folder}/api.json")))
+                           StateFile(Path(f"{self.folder}{API_STATE}")))
         server.start()
         return server
 
     def _write_state(self) -> None:
         draft = Path(f"{self.folder}/api.new")
         draft.write_text(json.dumps(self._state, indent=1), encoding="utf-8")
-        draft.rename(f"{self.folder}/api.json")
+        draft.rename(f"{self.folder}{API_STATE}")
 
     def api(self, **lists: list[dict[str, Any]]) -> None:
         """Configures tunnels: gre=, ipsec= and ovpn= each replace the list of that kind."""
@@ -100,6 +99,10 @@ class Site(Expectations, IpsecExpectations, OvpnExpectations, StateExpectations,
     def configured(self, kind: str) -> list[dict[str, Any]]:
         """Returns the records of the tunnels of a kind: "gre", "ipsec" or "ovpn"."""
         return self._state[f"{kind}Tunnels"]
+
+    def configured_tunnel(self, kind: str, name: str) -> dict[str, Any]:
+        """Returns the record of one tunnel."""
+        return next(record for record in self.configured(kind) if record["name"] == name)
 
     def api_keys(self, **keys: Any) -> None:
         """Sets other keys of the API's state, "syslog" for instance."""
@@ -168,8 +171,8 @@ class Site(Expectations, IpsecExpectations, OvpnExpectations, StateExpectations,
         self._rebuilds_seen = self.rebuilds()
         status = self.launch("--daemonize")
         expect(status == 0, f"{self.name}: the start of the daemon ended with status {status}")
-        self._daemon = eventually(self._read_pid_file, within=10)
-        orphans.awaited.add(self._daemon)
+        self._daemon = eventually(self._read_pid_file, within=40)
+        orphans.await_end(self._daemon)
 
     def _read_pid_file(self) -> int:
         text = self.gateway.read(PID_FILE).strip()
@@ -194,12 +197,11 @@ class Site(Expectations, IpsecExpectations, OvpnExpectations, StateExpectations,
     def ended(self, within: float) -> int:
         """Waits for the daemon's end; returns its status, or -N for a death by signal N."""
         def look() -> int:
-            process, status = os.waitpid(self._daemon, os.WNOHANG)
-            expect(process != 0, f"{self.name}: the manager has not ended")
-            return os.waitstatus_to_exitcode(status)
+            status = orphans.ended(self._daemon)
+            expect(status is not None, f"{self.name}: the manager has not ended")
+            return status
         begin = time.monotonic()
         status = eventually(look, within)
-        orphans.awaited.discard(self._daemon)
         self._tell(f"{self.name}: the manager ended after {time.monotonic() - begin:.2f} s")
         self._daemon = 0
         return status
