@@ -2,7 +2,7 @@
 
 from __future__ import annotations
 
-from harness import Lab, expect_same, expect_text, gre_tunnel, kernel, scenario
+from harness import Lab, expect_text, gre_tunnel, scenario
 from harness.plans import (NORTH_INNER, SOUTH_INNER, TO_NORTH, TO_SOUTH, configure_one_tunnel,
                            run_one_tunnel)
 
@@ -121,82 +121,6 @@ def a_tunnel_without_ttl_inherits_it(lab: Lab) -> None:
     north.expect_gre_tunnel("plain", ttl=0)
     north.expect_gre_tunnel("as_text", ttl=33)
     north.expect_gre_tunnel("as_number", ttl=255)
-
-
-@scenario()
-def a_disabled_tunnel_is_absent(lab: Lab) -> None:
-    """A disabled tunnel is not made; once enabled, it is there after a SIGHUP."""
-    north, south = lab.sites
-    run_one_tunnel(lab)
-    enabled = gre_tunnel(TO_SOUTH, south.wan, NORTH_INNER, [south.lan])
-
-    north.api(gre=[{**enabled, "enabled": False}, gre_tunnel("to_nobody", "192.0.2.7")])
-    north.refresh()
-    north.expect_gre_tunnels("to_nobody")
-    north.expect_hosts_apart(south)
-
-    north.api(gre=[enabled, gre_tunnel("to_nobody", "192.0.2.7", enabled=False)])
-    north.refresh()
-    north.expect_gre_tunnels(TO_SOUTH)
-    north.expect_hosts_reach(south)
-
-
-@scenario()
-def a_tunnel_taken_out_of_the_configuration_disappears(lab: Lab) -> None:
-    """SIGHUP removes the tunnel that is not configured any more and keeps the other."""
-    north, south = lab.sites
-    kept = gre_tunnel(TO_SOUTH, south.wan, NORTH_INNER, [south.lan])
-    north.api(gre=[kept, gre_tunnel("to_nobody", "192.0.2.7", "10.0.7.1/30", ["10.7.0.0/16"])])
-    south.api(gre=[gre_tunnel(TO_NORTH, north.wan, SOUTH_INNER, [north.lan])])
-    north.start()
-    south.start()
-    north.expect_gre_tunnels(TO_SOUTH, "to_nobody")
-    north.expect_hosts_reach(south)
-    north.expect_gre_hook_calls(f"-n {TO_SOUTH} -d up", "-n to_nobody -d up")
-
-    north.api(gre=[kept])
-    north.refresh()
-
-    north.expect_gre_tunnels(TO_SOUTH)
-    north.expect_hosts_reach(south)
-    # The kernel lists its tunnels, and so they go, in an order of its own.
-    north.expect_gre_hook_calls("-n to_nobody -d down", f"-n {TO_SOUTH} -d down",
-                                f"-n {TO_SOUTH} -d up", in_order=False)
-
-
-@scenario()
-def changed_values_of_a_tunnel_take_effect(lab: Lab) -> None:
-    """Another peer, address, ttl and route are in the kernel after a SIGHUP."""
-    north, south = lab.sites
-    north.api(gre=[gre_tunnel(TO_SOUTH, "192.0.2.7", "10.0.5.1/24", ["10.5.0.0/16"], ttl=12)])
-    south.api(gre=[gre_tunnel(TO_NORTH, north.wan, SOUTH_INNER, [north.lan])])
-    north.start()
-    south.start()
-    north.expect_gre_tunnel(TO_SOUTH, remote="192.0.2.7", ttl=12, addresses=("10.0.5.1/24",))
-    north.expect_hosts_apart(south)
-
-    north.api(gre=[gre_tunnel(TO_SOUTH, south.wan, NORTH_INNER, [south.lan])])
-    north.refresh()
-
-    north.expect_gre_tunnel(TO_SOUTH, remote=south.wan, ttl=64, addresses=(NORTH_INNER,),
-                            routes=(south.lan,))
-    north.expect_hosts_reach(south)
-
-
-@scenario()
-def an_unchanged_configuration_gives_the_same_state(lab: Lab) -> None:
-    """SIGHUP without a change takes the tunnels down and makes them anew, just alike."""
-    north, south = lab.sites
-    run_one_tunnel(lab)
-    north.expect_gre_hook_calls(f"-n {TO_SOUTH} -d up")
-    before = kernel.gre_tunnels(north.gateway)
-
-    for _ in range(3):
-        north.refresh()
-        expect_same(kernel.gre_tunnels(north.gateway), before)
-        north.expect_gre_hook_calls(f"-n {TO_SOUTH} -d down", f"-n {TO_SOUTH} -d up")
-    north.expect_hosts_reach(south)
-    north.expect_no_error()
 
 
 @scenario()

@@ -102,51 +102,11 @@ def ikev2_with_certificates(lab: Lab) -> None:
     expect_encrypted_from_the_start(lab)
 
 
-@scenario()
-def a_disabled_tunnel_is_gone_after_the_next_rebuild(lab: Lab) -> None:
-    """One of two tunnels is disabled and goes; without any the service is stopped."""
-    north, south = lab.sites
-    lans = ipsec_tunnel("lans", south.wan, [north.lan], [south.lan])
-    south_lans = ipsec_tunnel("lans", north.wan, [south.lan], [north.lan])
-    offices = ipsec_tunnel("offices", south.wan, [NORTH_OFFICE], [SOUTH_OFFICE])
-    south_offices = ipsec_tunnel("offices", north.wan, [SOUTH_OFFICE], [NORTH_OFFICE])
-    north.add_network(NORTH_OFFICE)
-    south.add_network(SOUTH_OFFICE)
-    north.api(ipsec=[lans, offices])
-    south.api(ipsec=[south_lans, south_offices])
-    start_both(lab)
-    north.expect_ipsec_protects((north.lan, south.lan), (NORTH_OFFICE, SOUTH_OFFICE))
-    north.expect_hosts_reach(south)
-    expect_offices_reach(lab)
-
-    north.api(ipsec=[lans, {**offices, "enabled": False}])
-    north.refresh()
-    north.expect_ipsec_protects((north.lan, south.lan))
-    north.expect_hosts_reach(south)
-    expect_no_connection(north, "offices")
-    expect(not south.host.reaches(north.host_in(NORTH_OFFICE), south.host_in(SOUTH_OFFICE)),
-           "the disabled tunnel still carries traffic")
-
-    north.api(ipsec=[{**lans, "enabled": False}, {**offices, "enabled": False}])
-    north.refresh()
-    north.expect_ipsec_stopped()
-    north.expect_hosts_apart(south)
-    north.expect_no_error()
-
-
 def expect_offices_reach(lab: Lab) -> None:
     """Expects that the hosts reach each other in their second networks."""
     north, south = lab.sites
     north.expect_reach(north.host, south.host_in(SOUTH_OFFICE), within=15,
                        source=north.host_in(NORTH_OFFICE))
-
-
-def expect_no_connection(site: Site, name: str) -> None:
-    """Expects that neither files nor service of a gateway know a tunnel."""
-    found = [line for line in site.gateway.must("ipsec", "statusall").splitlines() if name in line]
-    found += [line for line in site.gateway.read("/run/ipsec/ipsec.conf").splitlines()
-              if name in line]
-    expect(not found, f"{site.name}: {name} is still there: {found}")
 
 
 @scenario()

@@ -176,34 +176,6 @@ def a_refused_configuration_is_tried_again_by_every_check(lab: Lab) -> None:
     expect_traffic(lab)
 
 
-@scenario(slow=True)
-def a_tunnel_taken_out_of_the_configuration_ends(lab: Lab) -> None:
-    """SIGHUP ends the process of a tunnel that is gone or disabled; the other one works."""
-    north, south = lab.sites
-    configure_line(lab)
-    line = ovpn_tunnel(LINE, static_key_config(south.wan, LINE_PORT, NORTH_END, SOUTH_END,
-                                               [south.lan]))
-    office = ovpn_tunnel(OFFICE, tls_server_config(OFFICE_PORT, OFFICE_NETWORK))
-    north.api(ovpn=[office, line])
-    start_both(lab)
-    first = north.expect_ovpn_processes(OFFICE, LINE)
-    north.expect_tun_devices("tunoffice", "tunline")
-    expect_traffic(lab)
-
-    north.api(ovpn=[line])
-    north.refresh()
-    second = north.expect_ovpn_processes(LINE)
-    expect(second[LINE] not in first.values(), "the process was left alone")
-    north.expect_tun_devices("tunline")
-    expect_traffic(lab)
-
-    north.api(ovpn=[office, {**line, "enabled": False}])
-    north.refresh()
-    north.expect_ovpn_processes(OFFICE)
-    north.expect_tun_devices("tunoffice")
-    north.expect_hosts_apart(south)
-
-
 @scenario()
 def no_process_outlives_the_daemon(lab: Lab) -> None:
     """The processes end with their daemon, be it ended or killed; the next one has its own."""
