@@ -47,6 +47,17 @@ bool FqdnMonitor::checkAddress() {
   return true;
 }
 
+void FqdnMonitor::askForRebuild() {
+  lock->lock();
+  // Several watches that see the same change wait here while the first one's rebuild is under
+  // way. It has stopped them, and looked every name up anew: once is enough.
+  if (!isCanceled()) {
+    refreshRequested = 1;
+    condition->signal();
+  }
+  lock->unlock();
+}
+
 void FqdnMonitor::run() {
   while (!isCanceled()) {
     sleep(failureCounter == 0 ? periodMs : retryMs);
@@ -56,7 +67,7 @@ void FqdnMonitor::run() {
     // The host stands where one expects the tunnel; operators' filters rely on it.
     VEXA_LOG(TRACE, "[FQDN_MONITOR] tunnel:%s check %s ", host.c_str(), tunnelName.c_str());
     if (checkAddress()) {
-      requestRefresh(lock, condition);
+      askForRebuild();
     } else {
       VEXA_LOG(TRACE, "[FQDN_MONITOR] FQDN has not changed");
     }

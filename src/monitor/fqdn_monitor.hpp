@@ -34,6 +34,8 @@ class FqdnMonitor : public VEXA::Thread {
   void run() override;
 
  private:
+  void askForRebuild();
+
   LockHandle lock;
   ConditionHandle condition;
   // This and spareText are part of the monitor's layout; its logic needs neither.

@@ -315,7 +315,7 @@ TEST_F(FqdnMonitorTest, EndsAfterTheLookUpInWhichItIsStopped) {
   EXPECT_EQ(refreshRequested, 0);
 }
 
-TEST_F(FqdnMonitorTest, EndsAfterTheRequestThatItWasStoppedBefore) {
+TEST_F(FqdnMonitorTest, AsksForNothingOnceTheRebuildOfAnotherHasStoppedIt) {
   fake::traceLocks = true;
   fake::scriptLookup(fake::resolved({"1.2.3.5"}));
   watch("1.2.3.4");
@@ -324,7 +324,23 @@ TEST_F(FqdnMonitorTest, EndsAfterTheRequestThatItWasStoppedBefore) {
   EXPECT_THAT(
       fake::takeTrace(),
       ElementsAre("sleep 300000", checking, "lookup peer.example", "stop FQDN_MONITOR:tunnel_a",
-                  changeRecord("1.2.3.4", "1.2.3.5"), "lock", "signal", "unlock", stopRecord));
+                  changeRecord("1.2.3.4", "1.2.3.5"), "lock", "unlock", stopRecord));
+  EXPECT_EQ(refreshRequested, 0);
+}
+
+TEST_F(FqdnMonitorTest, EndsAfterTheRequestInWhichItIsStopped) {
+  fake::traceLocks = true;
+  fake::scriptLookup(fake::resolved({"1.2.3.5"}));
+  watch("1.2.3.4");
+  fake::onEntry = [this](const std::string& entry) {
+    if (entry == "signal") {
+      monitor->stop();
+    }
+  };
+  monitor->run();
+  EXPECT_THAT(fake::takeTrace(), ElementsAre("sleep 300000", checking, "lookup peer.example",
+                                             changeRecord("1.2.3.4", "1.2.3.5"), "lock", "signal",
+                                             "stop FQDN_MONITOR:tunnel_a", "unlock", stopRecord));
   EXPECT_EQ(refreshRequested, 1);
 }
 
