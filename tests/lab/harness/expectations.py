@@ -7,6 +7,7 @@ from typing import TYPE_CHECKING, Any, Iterable
 
 from . import kernel
 from .gateway_files import FIREWALL_LOG, GRE_HOOK_LOG
+from .manager_log import REBUILT
 from .waiting import eventually, expect
 
 if TYPE_CHECKING:
@@ -38,6 +39,16 @@ class Expectations:
         """Expects that nothing was rebuilt since the last rebuild that was expected."""
         more = self.rebuilds() - self._rebuilds_seen
         expect(more == 0, f"{self.name}: {more} rebuilds that nobody asked for")
+
+    def expect_no_rebuild_until(self: Site, text: str, within: float) -> None:
+        """Expects a text in the log, and no rebuild before it but those expected so far.
+
+        However late it is looked at: the manager does not wait for that with the next one.
+        """
+        self.expect_log(text, within)
+        more = self.log().partition(text)[0].count(REBUILT) - self._rebuilds_seen
+        expect(more == 0, f"{self.name}: {more} rebuilds before \"{text}\"")
+        self._tell(f"{self.name}: \"{text}\", and nothing was rebuilt so far")
 
     def expect_gre_tunnels(self: Site, *names: str, within: float = 2.0) -> None:
         """Expects exactly these GRE tunnels in the kernel, in any order."""

@@ -14,6 +14,9 @@ SOUTH_INNER = "10.0.0.2/30"
 WAN_POLL = 30.0
 NAME_CHECK = 60.0
 NAME_RETRY = 30.0
+# It looks after OpenVPN's processes so often, and a silent peer holds it up for the pings.
+CHECK = 11.0
+PINGS = 13.0
 # For the rebuild itself, on a machine that has other things to do.
 SLACK = 60.0
 

@@ -42,8 +42,8 @@ def open_shell(lab: Lab, program: str, terminal_type: str) -> None:
 
 def _greeting(lab: Lab) -> str:
     hints = "".join(f"    {command:40}{meaning}\n" for command, meaning in HINTS.items())
-    return (f"\nYou are on the north gateway, and what runs there goes on. For example:\n\n{hints}\n"
-            f"The machines are {_names(lab)}.\nexit or Ctrl-D ends the lab.\n\n")
+    return ("\nYou are on the north gateway, and what runs there goes on. For example:\n\n"
+            f"{hints}\nThe machines are {_names(lab)}.\nexit or Ctrl-D ends the lab.\n\n")
 
 
 def _helper(lab: Lab) -> str:

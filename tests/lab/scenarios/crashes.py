@@ -17,13 +17,10 @@ from harness.gateway_files import HOOKS, PID_FILE, SEMAPHORE
 from harness.ipsec_expectations import UP_SECONDS
 from harness.manager_log import records
 from harness.misfortunes import KILL_THE_MANAGER
-from harness.plans import SLACK, TO_SOUTH
+from harness.plans import CHECK, PINGS, SLACK, TO_SOUTH
 from harness.state import State
 
 GRE_HOOK = f"{HOOKS}/gre-tunnel-link-changed"
-# The manager looks after its processes so often, and pings a silent peer so long.
-CHECK = 11.0
-PINGS = 13.0
 
 # The hosts whose traffic IPsec protects.
 PAIRS = [(Site.host_in(ours), Site.host_in(theirs))

@@ -15,7 +15,7 @@ from harness.ipsec_expectations import UP_SECONDS, expect_only_esp
 from harness.manager_log import last_rebuild
 from harness.openvpn import static_key_config
 from harness.overview import PINGS, UP, Entry, overview, table
-from harness.plans import (NAME_CHECK, NORTH_INNER, SLACK, SOUTH_INNER, TO_NORTH, TO_SOUTH,
+from harness.plans import (CHECK, NAME_CHECK, NORTH_INNER, SLACK, SOUTH_INNER, TO_NORTH, TO_SOUTH,
                            WAN_POLL)
 
 NORTH_NAME, SOUTH_NAME = "north.example", "south.example"
@@ -30,10 +30,6 @@ PARTNER_ADDRESS = "203.0.113.1"
 PARTNER_NEAR, PARTNER_FAR = "10.0.9.1/30", "10.0.9.2/30"
 # The pings of both sites across three tunnels each, and the answers.
 ECHOES = PINGS * 2 * 3 * 2
-# A look at OpenVPN takes longer when a peer is silent.
-OVPN_CHECK = 60.0
-# South watches the name for two tunnels; when both ask at once it can rebuild twice.
-TRAFFIC_SECONDS = 2 * UP_SECONDS
 START = "tunnel_mngr --daemonize --printlvl 100"
 
 PICTURE = """\
@@ -141,7 +137,7 @@ def show_supervision(lab: Lab) -> None:
 
     def look() -> None:
         expect(north.ovpn_processes().get(SERVICE, killed) != killed, "no new OpenVPN process")
-    eventually(look, within=OVPN_CHECK)
+    eventually(look, within=CHECK + SLACK)
     lab.tell(f"north: its manager has started OpenVPN again, {lab.now - begin:.1f} s after the end")
     north.expect_gateway_reaches(SOUTH_END, within=UP_SECONDS)
 
@@ -279,7 +275,7 @@ def expect_tunnels(site: Site, ended: tuple[str, ...] = ()) -> list[Entry]:
             else:
                 expect(entry.state != UP, f"{site.name}: {entry.name} should be down: {entry}")
         return entries
-    return eventually(look, within=TRAFFIC_SECONDS)
+    return eventually(look, within=UP_SECONDS)
 
 
 def tell_rebuild(lab: Lab, site: Site) -> None:

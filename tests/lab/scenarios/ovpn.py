@@ -2,18 +2,12 @@
 
 from __future__ import annotations
 
-import signal
 import stat
 
 from harness import Lab, Site, expect, expect_same, expect_text, ovpn_tunnel, scenario
 from harness.openvpn import (client_networks, static_key, static_key_config, tls_client_config,
                              tls_server_config)
-
-# The daemon looks after its processes so often; a silent peer holds it up for the pings.
-CHECK = 11.0
-PINGS = 13.0
-# For the rest, on a machine that has other things to do.
-SLACK = 15.0
+from harness.plans import CHECK, PINGS, SLACK
 
 LINE = "line"
 OFFICE = "office"
@@ -173,29 +167,6 @@ def a_refused_configuration_is_tried_again_by_every_check(lab: Lab) -> None:
 
     north.expect_ovpn_processes(LINE, within=CHECK + SLACK)
     north.expect_no_rebuild()
-    expect_traffic(lab)
-
-
-@scenario()
-def no_process_outlives_the_daemon(lab: Lab) -> None:
-    """The processes end with their daemon, be it ended or killed; the next one has its own."""
-    north, south = lab.sites
-    configure_line(lab)
-    start_both(lab)
-    expect_traffic(lab)
-
-    south.signal(signal.SIGTERM)
-    north.signal(signal.SIGKILL)
-    expect_same(north.ended(within=5), -signal.SIGKILL)
-    expect_same(south.ended(within=PINGS + SLACK), 0)  # it may be in the middle of a check
-    for site in lab.sites:
-        site.expect_ovpn_processes()
-        site.expect_tun_devices()
-
-    expect_same(north.launch("--daemonize"), 1)  # it clears away what the crash has left
-    start_both(lab)
-    for site in lab.sites:
-        site.expect_ovpn_processes(LINE)
     expect_traffic(lab)
 
 
