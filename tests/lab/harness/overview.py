@@ -62,7 +62,7 @@ def _gre(site: Site, record: dict[str, Any]) -> Entry:
     if not tunnel:
         return _entry("gre", record, record["remoteIp"], "missing")
     peer = _resolved(record["remoteIp"], tunnel.remote)
-    if not tunnel.up:
+    if not tunnel.up or not tunnel.addresses:
         return _entry("gre", record, peer, "down")
     if tunnel.routes:
         trip = round_trip(site.host, site.host_in(tunnel.routes[0]))
