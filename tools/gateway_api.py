@@ -223,9 +223,9 @@ class ApiServer(socketserver.ThreadingMixIn, socketserver.UnixStreamServer):
             if self._log:
                 print(f"{now:.3f} {path}", file=self._log, flush=True)
 
-    def start(self) -> None:
-        """Serves until stop()."""
-        self._thread = threading.Thread(target=self.serve_forever, args=(0.02,), daemon=True)
+    def start(self, patience: float = 0.02) -> None:
+        """Serves until stop(), which then takes up to so many seconds."""
+        self._thread = threading.Thread(target=self.serve_forever, args=(patience,), daemon=True)
         self._thread.start()
 
     def stop(self) -> None:

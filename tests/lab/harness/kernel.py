@@ -9,6 +9,14 @@ from typing import Any
 
 from .places import Place
 
+MAIN_TABLE = "main"
+LOOK = """\
+addr show
+route show table all type unicast
+xfrm policy list dir out
+"""
+PAIR = re.compile(r"^src (\S+) dst (\S+)", re.MULTILINE)
+
 
 @dataclass(frozen=True)
 class Tunnel:
@@ -22,12 +30,42 @@ class Tunnel:
     routes: tuple[str, ...]
 
 
+@dataclass(frozen=True)
+class View:
+    """What the kernel has at one moment: as `ip -json -details` gives it, and IPsec's pairs."""
+
+    links: list[dict[str, Any]]
+    routes: list[dict[str, Any]]
+    ipsec_pairs: set[tuple[str, str]]
+
+    def gre_tunnels(self) -> dict[str, Tunnel]:
+        """Returns all GRE tunnels but the kernel's own fallback device."""
+        return {link["ifname"]: _tunnel(link, self._destinations(link["ifname"]))
+                for link in self.links
+                if link.get("link_type") == "gre" and link["ifname"] != "gre0"}
+
+    def _destinations(self, device: str) -> tuple[str, ...]:
+        """Returns what leads to a device, but for the network of its own address."""
+        return tuple(route["dst"] for route in self.routes
+                     if route["dev"] == device and route.get("protocol") != "kernel"
+                     and table_of(route) == MAIN_TABLE and ":" not in route["dst"])
+
+
+def look(place: Place) -> View:
+    """Looks at everything at once: starting a program costs more than all it has to tell."""
+    text = place.must("ip", "-json", "-details", "-batch", "-", text=LOOK)
+    links, routes = (json.loads(line) for line in text.splitlines() if line.startswith("["))
+    return View(links, routes, set(PAIR.findall(text)))
+
+
+def table_of(route: dict[str, Any]) -> str:
+    """Returns the table of a route."""
+    return route.get("table", MAIN_TABLE)
+
+
 def gre_tunnels(place: Place) -> dict[str, Tunnel]:
     """Returns all GRE tunnels but the kernel's own fallback device."""
-    links = json.loads(place.must("ip", "-json", "-details", "addr", "show", "type", "gre") or "[]")
-    routes = _routes(place)
-    return {link["ifname"]: _tunnel(link, routes.get(link["ifname"], ()))
-            for link in links if link.get("ifname", "gre0") != "gre0"}
+    return look(place).gre_tunnels()
 
 
 def _tunnel(link: dict[str, Any], routes: tuple[str, ...]) -> Tunnel:
@@ -38,25 +76,12 @@ def _tunnel(link: dict[str, Any], routes: tuple[str, ...]) -> Tunnel:
                   "UP" in link["flags"], addresses, routes)
 
 
-def _routes(place: Place) -> dict[str, tuple[str, ...]]:
-    """Returns the destinations by device, without the networks of its own addresses."""
-    found: dict[str, tuple[str, ...]] = {}
-    for route in json.loads(place.must("ip", "-json", "route", "show") or "[]"):
-        if route.get("protocol") != "kernel":
-            found[route["dev"]] = (*found.get(route["dev"], ()), route["dst"])
-    return found
-
-
 def ipsec_pairs(place: Place) -> set[tuple[str, str]]:
     """Returns the pairs of networks, ours and the peer's, whose traffic IPsec protects."""
-    return set(_xfrm(place, "policy", "list", "dir", "out"))
+    return look(place).ipsec_pairs
 
 
 def ipsec_ends(place: Place) -> set[str]:
     """Returns the addresses between which there are IPsec security associations."""
-    return {address for pair in _xfrm(place, "state") for address in pair}
-
-
-def _xfrm(place: Place, *words: str) -> list[tuple[str, str]]:
-    text = place.must("ip", "xfrm", *words)
-    return re.findall(r"^src (\S+) dst (\S+)", text, re.MULTILINE)
+    text = place.must("ip", "xfrm", "state")
+    return {address for pair in PAIR.findall(text) for address in pair}

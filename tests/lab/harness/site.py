@@ -80,7 +80,8 @@ class Site(Expectations, IpsecExpectations, OvpnExpectations, StateExpectations,
         self._write_state()
         server = ApiServer(Path(f"{self.folder}/run/api/http.sock"),
                            StateFile(Path(f"{self.folder}{API_STATE}")))
-        server.start()
+        # It wakes up so often for nothing, and there are many of them.
+        server.start(patience=1.0)
         return server
 
     def _write_state(self) -> None:

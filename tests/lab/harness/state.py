@@ -2,7 +2,6 @@
 
 from __future__ import annotations
 
-import json
 import os
 import re
 from collections import Counter
@@ -10,7 +9,7 @@ from fnmatch import fnmatchcase
 from pathlib import Path
 from typing import TYPE_CHECKING, Any, Iterator, Mapping, Optional
 
-from . import kernel
+from .kernel import MAIN_TABLE, View, look, table_of
 from .gateway_files import HOOKS
 from .processes import processes
 from .waiting import eventually, expect
@@ -39,7 +38,8 @@ class StateExpectations:
 
     def state(self: Site) -> State:
         """Returns devices, routes, IPsec policies, the manager's files and all processes."""
-        return {**dict(_devices(self)), **dict(_routes(self)), **dict(_ipsec(self)),
+        view = look(self.gateway)
+        return {**dict(_devices(view)), **dict(_routes(view)), **dict(_ipsec(view)),
                 **self.gateway.call(lambda: dict(_files())), **dict(_processes(self))}
 
     def expect_state(self: Site, before: State, within: float = SETTLING_SECONDS) -> State:
@@ -56,7 +56,7 @@ class StateExpectations:
         now = now or {}
         keys = (*keys, *now)
 
-        def look() -> State:
+        def compare() -> State:
             after = self.state()
             changed = sorted(key for key in {*before, *after} if before.get(key) != after.get(key))
             idle = [key for key in keys if not any(_is_meant(name, key) for name in changed)]
@@ -68,7 +68,7 @@ class StateExpectations:
             expect(not wrong, f"{self.name}: " + "; ".join(
                 f"\"{key}\" is {after.get(key)}, not {now[key]}" for key in wrong))
             return after
-        found = eventually(look, within)
+        found = eventually(compare, within)
         self._tell(f"{self.name}: " + (f"changed: {', '.join(keys)}; all else" if keys else "all")
                    + " is as it was before")
         return found
@@ -78,34 +78,29 @@ def _is_meant(name: str, key: str) -> bool:
     return fnmatchcase(name, key)
 
 
-def _devices(site: Site) -> Iterator[tuple[str, str]]:
-    for name, tunnel in kernel.gre_tunnels(site.gateway).items():
+def _devices(view: View) -> Iterator[tuple[str, str]]:
+    for name, tunnel in view.gre_tunnels().items():
         yield f"gre {name}", str(tunnel)
-    for link in _ip(site, "addr", "show"):
+    for link in view.links:
         if link.get("link_type") != "gre":
             addresses = [f"{entry['local']}/{entry['prefixlen']}" for entry in link["addr_info"]
                          if entry["family"] == "inet"]
             yield f"device {link['ifname']}", f"{'UP' in link['flags']} {addresses}"
 
 
-def _routes(site: Site) -> Iterator[tuple[str, str]]:
-    for route in _ip(site, "route", "show", "table", "all", "type", "unicast"):
+def _routes(view: View) -> Iterator[tuple[str, str]]:
+    for route in view.routes:
         # The service's own routes are to networks; one to its peer is there only now and then.
-        to_peer = "table" in route and "/" not in route["dst"]
-        if ":" not in route["dst"] and not to_peer:
-            table = f" table {route['table']}" if "table" in route else ""
+        beside = table_of(route) != MAIN_TABLE
+        if ":" not in route["dst"] and not (beside and "/" not in route["dst"]):
+            table = f" table {table_of(route)}" if beside else ""
             yield (f"route {route['dst']}{table} dev {route['dev']}",
                    " ".join(f"{key} {route[key]}" for key in ("gateway", "metric", "prefsrc")
                             if key in route))
 
 
-def _ip(site: Site, *words: str) -> list[dict[str, Any]]:
-    return [entry for entry in json.loads(site.gateway.must("ip", "-json", *words) or "[]")
-            if entry]
-
-
-def _ipsec(site: Site) -> Iterator[tuple[str, str]]:
-    for ours, theirs in kernel.ipsec_pairs(site.gateway):
+def _ipsec(view: View) -> Iterator[tuple[str, str]]:
+    for ours, theirs in view.ipsec_pairs:
         yield f"ipsec {ours} {theirs}", "protected"
 
 

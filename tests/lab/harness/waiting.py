@@ -7,6 +7,9 @@ from typing import Callable, TypeVar
 
 Found = TypeVar("Found")
 
+# A pause is so many times as long as the look before it.
+PAUSES = 4
+
 
 class Unexpected(AssertionError):
     """Something in the lab is not as the story expects it; the text says what."""
@@ -32,7 +35,8 @@ def eventually(check: Callable[[], Found], within: float) -> Found:
     """Repeats the check until it raises Unexpected no more, and returns what it gave.
 
     After `within` seconds the last Unexpected is raised, with the time waited. The longer
-    it takes, the longer the pauses: looking costs time that others need.
+    it takes, and the longer looking takes, the longer the pauses: looking costs time that
+    others need.
     """
     begin = time.monotonic()
     while True:
@@ -42,4 +46,6 @@ def eventually(check: Callable[[], Found], within: float) -> Found:
         except Unexpected as unexpected:
             if waited >= within:
                 raise Unexpected(f"{unexpected} (waited {waited:.1f} s)") from None
-        time.sleep(min(1.0, max(0.02, waited / 10), max(0.02, within - waited)))
+        looked = time.monotonic() - begin - waited
+        pause = max(0.02, min(1.0, waited / 10), PAUSES * looked)
+        time.sleep(min(pause, max(0.02, within - waited)))
