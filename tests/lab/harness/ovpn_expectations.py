@@ -27,7 +27,7 @@ class OvpnExpectations:
                 found[name] = number
         return found
 
-    def expect_ovpn_processes(self: Site, *names: str, within: float = 5.0) -> dict[str, int]:
+    def expect_ovpn_processes(self: Site, *names: str, within: float = 20.0) -> dict[str, int]:
         """Expects one process for each of these tunnels and no other; returns their numbers."""
         def look() -> dict[str, int]:
             found = self.ovpn_processes()

@@ -8,7 +8,7 @@ from typing import Callable, TypeVar
 Found = TypeVar("Found")
 
 # A pause is so many times as long as the look before it.
-PAUSES = 4
+PAUSES = 2
 
 
 class Unexpected(AssertionError):
