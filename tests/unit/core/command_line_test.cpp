@@ -1,11 +1,11 @@
 #include "core/command_line.hpp"
 
 #include "core/core_test.hpp"
+#include "core/program_arguments.hpp"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <getopt.h>
 #include <unistd.h>
 
 #include <csignal>
@@ -27,16 +27,9 @@ constexpr char usage[] =
     "\t--daemonize (d) : initializes then waits on SIGUP signal\n"
     "\t--help (h)      : returns this message\n";
 
-void parse(std::vector<std::string> arguments) {
-  arguments.insert(arguments.begin(), "tunnel_mngr");
-  std::vector<char*> argv;
-  argv.reserve(arguments.size() + 1);
-  for (std::string& argument : arguments) {
-    argv.push_back(&argument[0]);
-  }
-  argv.push_back(nullptr);
-  optind = 0;
-  parseCommandLine(static_cast<int>(arguments.size()), argv.data());
+void parse(const std::vector<std::string>& arguments) {
+  ProgramArguments given(arguments);
+  parseCommandLine(given.count(), given.values());
 }
 
 /// The same where the process ends: both outputs and then the trace go to standard error.

@@ -1,9 +1,8 @@
 #include "core/core_test.hpp"
+#include "core/program_arguments.hpp"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-
-#include <getopt.h>
 
 #include <cstdlib>
 #include <stdexcept>
@@ -38,16 +37,9 @@ constexpr char cleanedUp[] =
     "sem_close\n";
 
 /// Runs the program in a process of its own and shows the trace on standard error.
-void run(std::vector<std::string> arguments) {
-  arguments.insert(arguments.begin(), "tunnel_mngr");
-  std::vector<char*> argv;
-  argv.reserve(arguments.size() + 1);
-  for (std::string& argument : arguments) {
-    argv.push_back(&argument[0]);
-  }
-  argv.push_back(nullptr);
-  optind = 0;
-  const int status = programMain(static_cast<int>(arguments.size()), argv.data());
+void run(const std::vector<std::string>& arguments) {
+  ProgramArguments given(arguments);
+  const int status = programMain(given.count(), given.values());
   printTrace();
   std::_Exit(status);
 }
